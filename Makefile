@@ -1,0 +1,31 @@
+# Thin front end over the CMake presets. See README.md.
+.PHONY: run test target bench host host-release deps clean
+
+run: host
+	./build/host/hxc3-sim $(ARGS)
+
+test: deps host target
+	ctest --preset host
+
+target:
+	cmake --preset target >/dev/null
+	cmake --build --preset target
+	@arm-none-eabi-size build/target/hxc3.elf
+
+bench: host-release
+	cmake --build --preset host-release --target hxc3_bench
+	./build/host-release/bench/hxc3_bench
+
+host:
+	cmake --preset host >/dev/null
+	cmake --build --preset host
+
+host-release:
+	cmake --preset host-release >/dev/null
+	cmake --build --preset host-release
+
+deps:
+	@./scripts/install-deps.sh
+
+clean:
+	rm -rf build

@@ -1,0 +1,116 @@
+// The simulated board's internal interface: what the device models, the hxc3-sim front end and the
+// unit tests share. The firmware never includes this; it reaches the board only through the
+// TivaWare-style API in platform/include, which the files of this folder implement on the models.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace sim {
+
+// ---------------------------------------------------------------- virtual time (runtime.cpp)
+// Virtual time in nanoseconds since the simulator started this run. 1 CPU cycle at 50 MHz = 20 ns.
+constexpr uint64_t ns_per_cycle = 20;
+constexpr uint64_t ns_per_ms = 1000000;
+constexpr uint64_t ns_per_s = 1000000000;
+
+uint64_t now_ns();
+// Let virtual time pass while the firmware busy-waits. Everything due in the interval happens in
+// order: SysTick interrupts every millisecond, UART bytes arriving and leaving, RTC seconds, the
+// watchdog, the script or terminal. In real-time mode this also paces against the wall clock.
+void advance_ns(uint64_t ns);
+// The cost of one peripheral access through the API. Every API call spends a few cycles so that a
+// polling loop without delays still moves virtual time forward.
+void spend_cycles(uint32_t cycles);
+
+// ---------------------------------------------------------------- interrupts (runtime.cpp)
+// Processor interrupt mask (IntMasterDisable/Enable). While masked, pending handlers wait.
+bool int_master_disable(); // returns the previous "was disabled" state, as TivaWare does
+bool int_master_enable();
+bool int_masked();
+// A peripheral raises or drops its interrupt line. Handlers are the firmware's own C functions.
+using Handler = void (*)();
+void set_pending(int vector, bool pending);
+void register_vector(int vector, Handler h); // the fixed vector table, filled by vectors.cpp
+// Set to the firmware's enable state by IntEnable/IntDisable (NVIC).
+void nvic_enable(int vector, bool on);
+
+// ---------------------------------------------------------------- power (runtime.cpp)
+enum class PowerEvent {
+    hibernate,   // HibernateRequest cut the power; wake by RTC match or pin
+    reset,       // SysCtlReset
+    watchdog,    // the external watchdog was not fed for 60 s
+    power_cycle, // the script cut the power
+    end,         // the run ends (script exit, expect failure, --run-for reached)
+};
+// Ends this power-on period. In hxc3-sim it persists the board and ends the process image; in the
+// unit tests it returns to the test that started the firmware (see sim_test.h). Never returns.
+[[noreturn]] void power_off(PowerEvent ev);
+
+// What started the current power-on period, as written to --stats.
+enum class WakeSource { power, pin, rtc, watchdog, reset };
+WakeSource wake_source();
+
+// ---------------------------------------------------------------- the board directory
+const std::string& board_dir();
+// Scenario values (scenario.ini, changed by the script's `set`). Missing keys read as the default.
+double scenario_num(const std::string& key, double dflt);
+std::string scenario_str(const std::string& key, const std::string& dflt);
+
+// ---------------------------------------------------------------- devices (devices side)
+// Called by the runtime at the start of every power-on period (peripherals in their reset state,
+// persistent memories mapped) and at its end (persistent memories flushed).
+void devices_power_on();
+void devices_power_off();
+// The console UART (UART0) as seen from outside the board.
+// A byte arrives at UART0's receive pin now (lost when the FIFO is full or the UART is off).
+void uart_receive(int port, uint8_t byte);
+// Set by the runtime: called when a byte leaves a UART's transmit shifter.
+using TxSink = void (*)(int port, uint8_t byte);
+void set_uart_tx_sink(TxSink sink);
+// The next virtual time at which any device needs servicing (UART shift register, timers);
+// UINT64_MAX when none. The runtime calls devices_service(now) when that time is reached.
+uint64_t devices_next_event_ns();
+void devices_service(uint64_t now_ns);
+
+// Hibernation module state that outlives a power-on period (kept by the runtime in its shared
+// state, read and written by hibernate.cpp).
+struct HibState {
+    uint32_t rtc_seconds;     // RTC counter
+    uint64_t rtc_sub_ns;      // virtual ns into the current second
+    uint32_t match0;          // RTC match 0
+    uint32_t trim;            // RTC trim
+    uint32_t ctl;             // wake conditions and enables (HIBCTL image)
+    uint32_t ris;             // raw interrupt status
+    uint32_t im;              // interrupt mask
+    uint8_t active;           // the module is clocked and running (HibernateIsActive)
+    uint8_t hibernating;      // the chip is in hibernation (power cut)
+    uint8_t rtc_enabled;
+    uint8_t fail_requests;    // this many following HibernateRequest calls do not cut the power
+};
+HibState& hib();
+
+// Persistent memories (eeprom.cpp, i2c.cpp): backed by board/eeprom.bin and board/fram.bin in
+// hxc3-sim, by memory in the unit tests. Tests and the front end may read and write them directly.
+constexpr uint32_t eeprom_size = 2048;
+constexpr uint32_t fram_size = 32768;
+uint8_t* eeprom_bytes();
+uint8_t* fram_bytes();
+
+// GPIO observation (gpio.cpp): the level a port drives on a pin (port base address as in hw_memmap.h).
+bool gpio_level(uint32_t port_base, uint8_t pin_mask);
+// The serial flash on SSI2 answers JEDEC ID with this manufacturer byte (0 = socket empty).
+void set_flash_jedec(uint8_t manufacturer, uint8_t type, uint8_t capacity);
+
+// Watchdog model (gpio.cpp): virtual time of the latest feed, and whether it is enabled.
+uint64_t watchdog_deadline_ns(); // UINT64_MAX when disabled
+
+// Counters for --stats (devices add to them; the runtime writes and resets them per period).
+struct PeriodStats {
+    uint64_t sd_reads;
+    uint64_t sd_writes;
+    uint64_t tx_bytes;
+};
+PeriodStats& stats();
+
+} // namespace sim
