@@ -10,7 +10,6 @@ test: deps host target
 target:
 	cmake --preset target >/dev/null
 	cmake --build --preset target
-	@arm-none-eabi-size build/target/hxc3.elf
 
 bench: host-release
 	cmake --build --preset host-release --target hxc3_bench

@@ -1,0 +1,50 @@
+/* Our own declaration of the TivaWare API subset: I2C master register offsets and bits (hw_i2c.h). */
+#ifndef HW_I2C_H
+#define HW_I2C_H
+
+#define I2C_O_MSA 0x00000000
+#define I2C_O_MCS 0x00000004
+#define I2C_O_MDR 0x00000008
+#define I2C_O_MTPR 0x0000000C
+#define I2C_O_MIMR 0x00000010
+#define I2C_O_MRIS 0x00000014
+#define I2C_O_MMIS 0x00000018
+#define I2C_O_MICR 0x0000001C
+#define I2C_O_MCR 0x00000020
+#define I2C_O_MCLKOCNT 0x00000024
+#define I2C_O_MBMON 0x0000002C
+#define I2C_O_MCR2 0x00000038
+#define I2C_O_PP 0x00000FC0
+#define I2C_O_PC 0x00000FC4
+
+#define I2C_MSA_SA_M 0x000000FE
+#define I2C_MSA_RS 0x00000001
+
+/* MCS as read: status. */
+#define I2C_MCS_CLKTO 0x00000080
+#define I2C_MCS_BUSBSY 0x00000040
+#define I2C_MCS_IDLE 0x00000020
+#define I2C_MCS_ARBLST 0x00000010
+#define I2C_MCS_DATACK 0x00000008
+#define I2C_MCS_ADRACK 0x00000004
+#define I2C_MCS_ERROR 0x00000002
+#define I2C_MCS_BUSY 0x00000001
+/* MCS as written: control. */
+#define I2C_MCS_HS 0x00000010
+#define I2C_MCS_ACK 0x00000008
+#define I2C_MCS_STOP 0x00000004
+#define I2C_MCS_START 0x00000002
+#define I2C_MCS_RUN 0x00000001
+
+#define I2C_MTPR_HS 0x00000080
+#define I2C_MTPR_TPR_M 0x0000007F
+
+#define I2C_MCR_GFE 0x00000040
+#define I2C_MCR_SFE 0x00000020
+#define I2C_MCR_MFE 0x00000010
+#define I2C_MCR_LPBK 0x00000001
+
+#define I2C_MBMON_SDA 0x00000002
+#define I2C_MBMON_SCL 0x00000001
+
+#endif

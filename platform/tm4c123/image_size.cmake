@@ -1,0 +1,10 @@
+# Prints the section sizes of the image and its flash and static RAM use against the part's capacity.
+execute_process(COMMAND ${SIZE_TOOL} ${ELF} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${SIZE_TOOL} failed on ${ELF}")
+endif()
+message("${out}")
+string(REGEX MATCH "\n[ \t]*([0-9]+)[ \t]+([0-9]+)[ \t]+([0-9]+)" row "${out}")
+math(EXPR flash "${CMAKE_MATCH_1} + ${CMAKE_MATCH_2}")
+math(EXPR ram "${CMAKE_MATCH_2} + ${CMAKE_MATCH_3}")
+message("flash: ${flash} bytes of 262144, RAM: ${ram} bytes of 32768")
