@@ -52,10 +52,19 @@ enum class WakeSource { power, pin, rtc, watchdog, reset };
 WakeSource wake_source();
 
 // ---------------------------------------------------------------- the board directory
+// The board's folder in hxc3-sim; empty in the unit tests (persistent memories live in memory).
 const std::string& board_dir();
-// Scenario values (scenario.ini, changed by the script's `set`). Missing keys read as the default.
+// Scenario values (scenario.ini, changed by the script's `set`). Missing keys read as the default;
+// a value that is not a number reads as the default in scenario_num.
 double scenario_num(const std::string& key, double dflt);
 std::string scenario_str(const std::string& key, const std::string& dflt);
+// The microSD slot: scenario_str("card", "present") says what is in it now; this counter grows at
+// every removal and insertion, so the card model can tell that a card was swapped.
+uint32_t card_changes();
+
+// ---------------------------------------------------------------- system control (sysctl.cpp)
+// Whether the firmware has enabled a peripheral's clock (SysCtlPeripheralEnable, SYSCTL_PERIPH_*).
+bool peripheral_enabled(uint32_t periph);
 
 // ---------------------------------------------------------------- devices (devices side)
 // Called by the runtime at the start of every power-on period (peripherals in their reset state,
@@ -68,25 +77,31 @@ void uart_receive(int port, uint8_t byte);
 // Set by the runtime: called when a byte leaves a UART's transmit shifter.
 using TxSink = void (*)(int port, uint8_t byte);
 void set_uart_tx_sink(TxSink sink);
+// The baud rate a UART is set up for now (0 while it is disabled or not configured). The script's
+// `send` and the test harness's typing use it to pace their bytes.
+uint32_t uart_baud(int port);
 // The next virtual time at which any device needs servicing (UART shift register, timers);
 // UINT64_MAX when none. The runtime calls devices_service(now) when that time is reached.
 uint64_t devices_next_event_ns();
 void devices_service(uint64_t now_ns);
 
 // Hibernation module state that outlives a power-on period (kept by the runtime in its shared
-// state, read and written by hibernate.cpp).
+// state, read and written by hibernate.cpp). hib() brings the RTC fields up to the current virtual
+// time before it returns them.
 struct HibState {
-    uint32_t rtc_seconds;     // RTC counter
-    uint64_t rtc_sub_ns;      // virtual ns into the current second
-    uint32_t match0;          // RTC match 0
-    uint32_t trim;            // RTC trim
-    uint32_t ctl;             // wake conditions and enables (HIBCTL image)
-    uint32_t ris;             // raw interrupt status
-    uint32_t im;              // interrupt mask
-    uint8_t active;           // the module is clocked and running (HibernateIsActive)
-    uint8_t hibernating;      // the chip is in hibernation (power cut)
+    uint32_t rtc_seconds; // RTC counter
+    uint64_t rtc_sub_ns;  // virtual ns into the current second
+    uint32_t match0;      // RTC match 0
+    uint32_t trim;        // RTC trim
+    uint32_t ctl;         // wake conditions and enables (HIBCTL image)
+    uint32_t ris;         // raw interrupt status
+    uint32_t im;          // interrupt mask
+    uint8_t active;       // the module is clocked and running (HibernateIsActive reports
+                          // whether it was when the power-on period began)
+    uint8_t hibernating;  // the chip is in hibernation (power cut)
     uint8_t rtc_enabled;
-    uint8_t fail_requests;    // this many following HibernateRequest calls do not cut the power
+    uint8_t fail_requests; // this many following HibernateRequest calls do not cut the power
+    uint32_t data[16];     // battery-backed memory (HibernateDataSet/Get)
 };
 HibState& hib();
 

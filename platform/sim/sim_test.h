@@ -10,24 +10,38 @@ namespace sim::test {
 
 // A new board: zeroed EEPROM and FRAM in memory, peripherals in their reset state, virtual time 0,
 // the RTC at `rtc_seconds`, the hibernation module inactive, console output cleared, no scenario.
+// The board is on: a power-on period from `power` has begun.
 void reset_board(uint32_t rtc_seconds = 1767225600); // 2026-01-01 00:00:00 UTC
 
 // How a call into the firmware ended.
 struct Outcome {
-    bool returned;     // the function returned normally
-    PowerEvent event;  // otherwise: how the power-on period ended
+    bool returned;    // the function returned normally
+    PowerEvent event; // otherwise: how the power-on period ended
 };
-// Runs fn; a power_off() inside it returns here instead of ending the process.
+// Runs fn; a power_off() inside it returns here instead of ending the process. The board is then
+// off; a later run() powers it on first, as hxc3-sim would (after hibernation by the WAKE pin).
 Outcome run(void (*fn)());
+
+// Starts a new power-on period on the same board (memories and RTC kept, peripherals and core in
+// their reset state, firmware globals as they are): `rtc` first lets time pass to the RTC match
+// when it is armed, then the hibernation status reads as after that wake; `pin` likewise; `power`
+// leaves the module inactive; `reset` and `watchdog` leave it as it stands.
+void power_on(WakeSource src);
+bool board_on();
 
 // Console (UART0) as a terminal would see it: every byte that left the transmitter since the last clear.
 const std::string& console_output();
 void clear_console_output();
 // Types text into UART0 at its baud rate, starting now; the bytes arrive as virtual time passes.
 void type(const std::string& text);
-// Lets virtual time pass with no firmware running (interrupt handlers still run).
-void advance_s(double seconds);
-// Lets virtual time pass until UART0 has sent everything queued in its FIFO.
-void drain_console();
+// Lets virtual time pass with no firmware running (interrupt handlers still run). On a board that
+// is off only the RTC runs. A power-on period that ends meanwhile (the watchdog) ends the wait.
+Outcome advance_s(double seconds);
+// Lets virtual time pass until UART0 has sent everything queued in its FIFO and the firmware's
+// transmit buffer (a few character times of silence).
+Outcome drain_console();
+
+// Sets a scenario value as scenario.ini or the script's `set` would.
+void set_scenario(const std::string& key, const std::string& value);
 
 } // namespace sim::test

@@ -1,0 +1,29 @@
+// The board directory of hxc3-sim: the files that keep a board between runs (the hibernation
+// module in `rtc`, the world in `scenario.ini`), and the --stats file.
+#pragma once
+
+#include "sim.h"
+
+#include <string>
+
+namespace sim::board {
+
+// Reads the `rtc` file into `h`; false when it is missing. Bad lines are reported and skipped.
+bool load_rtc(const std::string& path, HibState& h);
+// Writes `h` to the `rtc` file (through a temporary file, so a crash never leaves half a file).
+bool save_rtc(const std::string& path, const HibState& h);
+
+// Reads scenario.ini into the runtime's scenario values (a missing file is an empty scenario).
+void load_scenario(const std::string& path);
+// The documented default scenario.ini of a new board: every key commented out at its default.
+std::string scenario_template();
+
+// Appends one line to the --stats file, with the header first when the file is new or empty.
+bool append_stats(const std::string& path, const std::string& line);
+constexpr const char* stats_header = "start_utc,wake,awake_ms,sd_reads,sd_writes,tx_bytes";
+
+// "YYYY-MM-DD HH:MM:SS" (UTC) to RTC seconds; false when malformed.
+bool parse_utc(const std::string& text, uint32_t& seconds);
+std::string format_utc(uint32_t seconds); // "YYYY-MM-DD HH:MM:SS"
+
+} // namespace sim::board
