@@ -1,0 +1,254 @@
+// FRAM driver: polled I2C0 master transfers with interrupts masked for the whole frame (no handler
+// may reach the bus mid-frame), the probe, the record map, and the operator's FRAM tests.
+#include "storage/i2c_fram.h"
+
+#include "board/i2c0.h"
+#include "core/board_util.h"
+#include "core/system.h"
+#include "hostlink/apf.h"
+#include "measure/sample.h"
+#include "ports/uartstdio.h"
+
+#include "driverlib/i2c.h"
+#include "driverlib/interrupt.h"
+#include "inc/hw_memmap.h"
+
+#include <cstring>
+
+namespace {
+
+void send_byte(uint8_t b, uint32_t command) {
+    I2CMasterDataPut(I2C0_BASE, b);
+    I2CMasterControl(I2C0_BASE, command);
+    i2c0_wait_master();
+}
+
+uint8_t receive_byte(uint32_t command) {
+    I2CMasterControl(I2C0_BASE, command);
+    i2c0_wait_master();
+    return static_cast<uint8_t>(I2CMasterDataGet(I2C0_BASE));
+}
+
+// Counts of the map are 16-bit.
+uint32_t map_count(uint32_t count) {
+    return count & 0xFFFF;
+}
+
+void print_block(const uint8_t* block, uint32_t len) {
+    for (uint32_t i = 0; i < len; i++) {
+        uprintf("%02x", block[i]);
+        uprintf((i % 16) == 15 ? "\r\n" : " ");
+    }
+}
+
+uint8_t byte_sum(const void* record, uint32_t len) {
+    const auto* p = static_cast<const uint8_t*>(record);
+    uint8_t sum = 0;
+    for (uint32_t i = 0; i < len; i++) {
+        sum = static_cast<uint8_t>(sum + p[i]);
+    }
+    return sum;
+}
+
+} // namespace
+
+void i2c0_fram_write(uint32_t uiSlave_addr, uint8_t* ucData, uint32_t uiCount, uint32_t memAddr) {
+    IntMasterDisable();
+    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
+    if (uiCount == 0) {
+        send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_SINGLE_SEND);
+        IntMasterEnable();
+        return;
+    }
+    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
+    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
+    for (uint32_t i = 0; i + 1 < uiCount; i++) {
+        send_byte(ucData[i], I2C_MASTER_CMD_BURST_SEND_CONT);
+    }
+    // The last byte goes out with the stop condition.
+    send_byte(ucData[uiCount - 1], I2C_MASTER_CMD_BURST_SEND_FINISH);
+    IntMasterEnable();
+}
+
+void i2c0_fram_read(uint32_t uiSlave_addr, uint8_t* ucRec_Data, uint32_t uiCount, uint32_t memAddr,
+                    uint32_t flag) {
+    if (uiCount == 0) {
+        return;
+    }
+    IntMasterDisable();
+    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
+    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
+    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
+    // Repeated start, now reading.
+    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), true);
+    if (uiCount == 1) {
+        ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_SINGLE_RECEIVE);
+        IntMasterEnable();
+        return;
+    }
+    ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_START);
+    for (uint32_t i = 1; i + 1 < uiCount; i++) {
+        ucRec_Data[i] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_CONT);
+    }
+    ucRec_Data[uiCount - 1] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_FINISH);
+    IntMasterEnable();
+}
+
+uint32_t fram_read(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
+    i2c0_fram_read(FRAM_I2C_ADDR, pBuf, byteCount, offset, 0);
+    return byteCount;
+}
+
+uint32_t fram_write(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
+    i2c0_fram_write(FRAM_I2C_ADDR, pBuf, byteCount, offset);
+    return byteCount;
+}
+
+uint32_t fram_probe(void) {
+    uint8_t pattern[4] = {0x55, 0xAA, 0x55, 0xAA};
+    uint8_t back[4];
+    fram_write(FRAM_PROBE_ADDR, pattern, sizeof pattern);
+    memset(back, 0, sizeof back);
+    fram_read(FRAM_PROBE_ADDR, back, sizeof back);
+    return memcmp(pattern, back, sizeof back) == 0 ? FRAM_PROBE_OK : 0;
+}
+
+uint32_t fram_init(void) {
+    if (fram_probe() == FRAM_PROBE_OK) {
+        return 0;
+    }
+    uprintf("\r\nERROR: FRAM fails probe, do not deploy until resolved\r\n");
+    return 1;
+}
+
+void fram_sys_samp_store(void) {
+    fram_write(FRAM_SYS_SAMP_ADDR, reinterpret_cast<uint8_t*>(&sys_samp), sizeof sys_samp);
+}
+
+void fram_sys_samp_retrieve(void) {
+    fram_read(FRAM_SYS_SAMP_ADDR, reinterpret_cast<uint8_t*>(&sys_samp), sizeof sys_samp);
+}
+
+void fram_last_samp_store(void) {
+    fram_write(FRAM_LAST_SAMP_ADDR, reinterpret_cast<uint8_t*>(&sampl), sizeof sampl);
+}
+
+void fram_last_samp_retrieve(void) {
+    fram_read(FRAM_LAST_SAMP_ADDR, reinterpret_cast<uint8_t*>(&sampl), sizeof sampl);
+}
+
+void fram_apf_vars_store(void) {
+    fram_write(FRAM_APF_ADDR, reinterpret_cast<uint8_t*>(&apf), sizeof apf);
+}
+
+void fram_apf_vars_retrieve(void) {
+    fram_read(FRAM_APF_ADDR, reinterpret_cast<uint8_t*>(&apf), sizeof apf);
+}
+
+void fram_apf_dbuf_store(uint8_t* sampBuf, uint16_t byteCnt) {
+    fram_write(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
+}
+
+void fram_apf_dbuf_retrieve(uint8_t* sampBuf, uint16_t byteCnt) {
+    fram_read(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
+}
+
+void fram_apf_store_all(void) {
+    fram_apf_vars_store();
+    fram_last_samp_store();
+}
+
+uint32_t fram_test(void) {
+    static const char* const write_headings[4] = {
+        "\r\n1st block of 128, write 127 to 0\r\n",
+        "\r\n2nd block of 128, write 0 to 127\r\n",
+        "\r\n3rd block of 128, write 255 to 128\r\n",
+        "\r\n4th block of 128, write 128 to 255\r\n",
+    };
+    static const char* const read_headings[4] = {
+        "\r\n1st block of 128, read:\r\n",
+        "\r\n2nd block of 128, read:\r\n",
+        "\r\n3rd block of 128, read:\r\n",
+        "\r\n4th block of 128, read:\r\n",
+    };
+    constexpr uint32_t block_len = 128;
+    uint8_t blocks[4][block_len];
+    for (uint32_t i = 0; i < block_len; i++) {
+        blocks[0][i] = static_cast<uint8_t>(127 - i);
+        blocks[1][i] = static_cast<uint8_t>(i);
+        blocks[2][i] = static_cast<uint8_t>(255 - i);
+        blocks[3][i] = static_cast<uint8_t>(128 + i);
+    }
+    for (uint32_t b = 0; b < 4; b++) {
+        uprintf("%s", write_headings[b]);
+        print_block(blocks[b], block_len);
+        fram_write(FRAM_TEST_ADDR + b * block_len, blocks[b], block_len);
+    }
+    uint32_t wrong = 0;
+    for (uint32_t b = 0; b < 4; b++) {
+        uint8_t back[block_len];
+        memset(back, 0, sizeof back);
+        fram_read(FRAM_TEST_ADDR + b * block_len, back, block_len);
+        uprintf("%s", read_headings[b]);
+        print_block(back, block_len);
+        for (uint32_t i = 0; i < block_len; i++) {
+            if (back[i] != blocks[b][i]) {
+                wrong++;
+            }
+        }
+    }
+    return wrong;
+}
+
+// Each round changes the float variables and the last sample in RAM, stores both, clears the RAM
+// copies, reads them back and compares. The records (RAM and FRAM) are put back at the end.
+uint32_t fram_soak_test(uint32_t iterations) {
+    uprintf("fram soak test start\r\n");
+    const apfGlobals apf_saved = apf;
+    const sampData sampl_saved = sampl;
+    uint8_t apf_image[sizeof(apfGlobals)];
+    uint8_t sampl_image[sizeof(sampData)];
+    fram_read(FRAM_APF_ADDR, apf_image, sizeof apf_image);
+    fram_read(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image);
+
+    uint32_t errors = 0;
+    for (uint32_t n = 0; n < iterations; n++) {
+        if (UARTrdy()) {
+            getChar();
+            break;
+        }
+        wdog_pet();
+        uprintf("[%07u]\b\b\b\b\b\b\b\b\b", (unsigned)n);
+        apf.sys_error_ctr = n;
+        sampl.fVrsi_std = static_cast<float>(n) * 0.001f;
+        const float std_written = sampl.fVrsi_std;
+        const uint8_t sum_written = byte_sum(&apf, sizeof apf);
+        fram_apf_store_all();
+        memset(&apf, 0, sizeof apf);
+        memset(&sampl, 0, sizeof sampl);
+        fram_apf_vars_retrieve();
+        fram_last_samp_retrieve();
+        if (apf.sys_error_ctr != n) {
+            errors++;
+            uprintf("Err: errNum does not match\r\n");
+        }
+        if (sampl.fVrsi_std != std_written) {
+            errors++;
+            uprintf("Err: DataStdDev does not match\r\n");
+        }
+        const uint8_t sum_read = byte_sum(&apf, sizeof apf);
+        if (sum_read != sum_written) {
+            errors++;
+            uprintf(
+                "Err: [%u] %u %02x %02x checksum does not match, apf read modify write fram_soak_test\r\n",
+                (unsigned)n, (unsigned)errors, (unsigned)sum_written, (unsigned)sum_read);
+        }
+    }
+    uprintf("\r\n");
+
+    fram_write(FRAM_APF_ADDR, apf_image, sizeof apf_image);
+    fram_write(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image);
+    apf = apf_saved;
+    sampl = sampl_saved;
+    return errors;
+}
