@@ -1,0 +1,343 @@
+// Start-up and the main state machine. Each wake is a fresh pass from reset: init, classify the
+// wake once, act on the persisted sampling state, serve the host link, then sleep again.
+#include "core/main.h"
+
+#include "board/bme280.h"
+#include "board/i2c0.h"
+#include "board/pcal6416.h"
+#include "board/pinmux.h"
+#include "core/board_util.h"
+#include "core/menu.h"
+#include "core/sleep.h"
+#include "core/system.h"
+#include "core/timebase.h"
+#include "driverlib/fpu.h"
+#include "driverlib/hibernate.h"
+#include "driverlib/interrupt.h"
+#include "driverlib/sysctl.h"
+#include "driverlib/systick.h"
+#include "hostlink/apf.h"
+#include "hostlink/serial.h"
+#include "measure/sample.h"
+#include "ports/uartstdio.h"
+#include "spectrometer/uvs.h"
+#include "storage/i2c_fram.h"
+#include "storage/microsd.h"
+
+uint32_t g_ui32SysClock = 0;
+uint32_t microSD_flg = 0;
+uint32_t dbg_flag = 1;
+uint32_t wakeSource = WAKE_NOTSET;
+FIL* dat_file = nullptr;
+FIL* err_file = nullptr;
+
+namespace {
+// Hibernation interrupts the firmware disables while it runs.
+constexpr uint32_t hib_used_interrupts =
+    HIBERNATE_INT_RTC_MATCH_0 | HIBERNATE_INT_LOW_BAT | HIBERNATE_INT_PIN_WAKE | HIBERNATE_INT_WR_COMPLETE;
+static_assert(hib_used_interrupts == 0x1D);
+
+// Time for the hibernation module's 32.768 kHz oscillator to settle after its configuration,
+// before the RTC is started. Only spent on a start that was not a pin or RTC wake.
+constexpr uint32_t hib_settle_ms = 100;
+
+void console_baud_from_settings(void) {
+    uint32_t rate = sys_data.baud_rate;
+    if (rate != 4800 && rate != 9600 && rate != 19200 && rate != 38400 && rate != 57600) {
+        return;
+    }
+    UARTStdioConfig(0, rate, 16000000);
+}
+
+void init_microsd(void) {
+    microSD_flg = 0;
+    if (sys_data.app_cfg[APPCFG_MICROSD_ENABLE] == 0) {
+        return;
+    }
+    if (!uSD_present()) {
+        uprintf("\r\nError: MicroSD card is not detected\r\n");
+        return;
+    }
+    init_uSDCard();
+    microSD_flg = 1;
+}
+
+void debug_line(const char* text) {
+    dbg_printf("%s\r\n", text);
+    wait_consoleTx();
+}
+
+uint32_t classify_wake(uint32_t status) {
+    if (status & HIBERNATE_INT_PIN_WAKE) {
+        return WAKE_PIN;
+    }
+    if (status & HIBERNATE_INT_RTC_MATCH_0) {
+        return WAKE_RTC;
+    }
+    constexpr uint32_t abnormal = HIBERNATE_INT_VDDFAIL | HIBERNATE_INT_RESET_WAKE | HIBERNATE_INT_GPIO_WAKE;
+    if ((status & abnormal) != 0 || (status & HIBERNATE_INT_WR_COMPLETE) == 0) {
+        sys_samp.state = IDLE;
+        return WAKE_NOTSET;
+    }
+    return sys_samp.state == DEPLOYED ? WAKE_RTC : WAKE_NOTSET;
+}
+
+// First use of the module (power-up, or a wake that was neither pin nor RTC).
+void setup_hibernation(void) {
+    HibernateClockConfig(HIBERNATE_OSC_LOWDRIVE); // 32.768 kHz crystal, normal drive
+    HibernateRTCTrimSet(0x7FFF);
+    HibernateIntDisable(hib_used_interrupts);
+    delay_msec(hib_settle_ms);
+    HibernateRTCEnable();
+}
+
+uint32_t exec_switch(void) {
+    return sys_data.app_cfg[APPCFG_EXEC_SWITCHERONI];
+}
+
+void deployed_pin_wake(void) {
+    dbg_printf("\r\nMAIN: DEPLOYED, calling exec_command\r\n");
+    if (exec_command(5) == 0) {
+        sys_samp.state = IDLE;
+        return;
+    }
+    uint32_t mode = exec_switch();
+    if (mode == 0) {
+        dbg_printf("\r\nMAIN: calling deploy(DEPLOYED) after key command\r\n");
+        deploy(DEPLOYED, 1);
+    } else if (mode == 2) {
+        databarf_loop();
+        sys_samp.state = IDLE;
+    }
+}
+
+void deployed_rtc_wake(void) {
+    uint32_t mode = exec_switch();
+    if (mode == 0) {
+        dbg_printf("\r\nMAIN: calling deploy(DEPLOYED)\r\n");
+        deploy(DEPLOYED, 0);
+    } else if (mode == 2) {
+        databarf_loop();
+        sys_samp.state = IDLE;
+    }
+}
+
+// A deployment ends at any power-up or reset that is not a counted wake.
+void deployed_uncounted_wake(void) {
+    dbg_printf("\r\n(wakeSource == WAKE_NOTSET)\r\n");
+    sys_samp.state = IDLE;
+    storeSysDataVariables();
+}
+
+void dispatch_deployed(void) {
+    if (wakeSource == WAKE_PIN) {
+        deployed_pin_wake();
+    } else if (wakeSource == WAKE_RTC) {
+        deployed_rtc_wake();
+    } else {
+        deployed_uncounted_wake();
+    }
+}
+} // namespace
+
+void init(void) {
+    FPUEnable();
+    FPULazyStackingEnable();
+    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
+    g_ui32SysClock = SysCtlClockGet();
+
+    init_TM4C123GH6PM_64pin();
+
+    SysTickPeriodSet(g_ui32SysClock / 1000);
+    SysTickIntEnable();
+    SysTickEnable();
+    IntMasterEnable();
+
+    i2c0_init(0);
+    fram_init();
+    bme280_init();
+    pcal6416_init();
+
+    retrieveSysDataVariables();
+    verifySysDataVariables();
+    console_baud_from_settings();
+
+    wdog_readMon();
+    wdog_init();
+
+    init_microsd();
+    init_hxc();
+    pump_var_init();
+}
+
+// Runs before main copies sys_data.debug_flag, so its debug lines follow dbg_flag's initial value.
+void init_hxc(void) {
+    apf.sys_por_flag = 1;
+    if (uvsDbgFlg == 1) {
+        uprintf("  Norvale Sensor Controller v3 Initializing...\r\n");
+        wait_consoleTx();
+    }
+    init_apf_global_vars();
+    IOPwrUp();
+    Zcoefs = LoadIsusZCoefs();
+    if (Zcoefs > 0) {
+        InitLambdaArray();
+        debug_line("DBG: ECoefs commented out");
+    } else {
+        debug_line("DBG: not calling DisplaySystemInfo, type sys.  Not calling SyncNextSample (ever)");
+    }
+}
+
+int IOPwrUp(void) {
+    apf.isus_spec_pwr = 0;
+    apf.isus_lamp_pwr = 0;
+    apf.isus_ref_pwr = 0;
+    apf.dura_atod_pwr = 0;
+    uvs_set_rts(1);
+    return 0;
+}
+
+int IOPwrDown(void) {
+    if (dat_file != nullptr) {
+        f_close(dat_file);
+        dat_file = nullptr;
+    }
+    if (err_file != nullptr) {
+        f_close(err_file);
+        err_file = nullptr;
+    }
+    uvs_set_rts(0);
+    return 0;
+}
+
+// The status is read before HibernateEnableExpClk: that call turns the module's clock on (so the
+// module always looks active afterwards) and its write raises the write-complete bit. Read first,
+// "active" means the chip came out of hibernation or a reset that kept the module running, and the
+// status is what that wake left. On a power-up there is no status: the source is WAKE_NOTSET, the
+// sampling state is left for main to end, and the module is set up for first use.
+uint32_t wake_handler(void) {
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_HIBERNATE);
+    HibernateEnableExpClk(g_ui32SysClock);
+    // A module that was not running reads no status: the start is not a counted wake, and the
+    // module is set up afresh below.
+    uint32_t status = 0;
+    uint32_t source = WAKE_NOTSET;
+    if (HibernateIsActive()) {
+        status = HibernateIntStatus(false);
+        HibernateIntClear(status);
+        source = classify_wake(status);
+        HibernateGPIORetentionDisable();
+    }
+    if ((status & (HIBERNATE_INT_PIN_WAKE | HIBERNATE_INT_RTC_MATCH_0)) == 0) {
+        setup_hibernation();
+    }
+    return source;
+}
+
+int main(void) {
+    init();
+    dev_init_apf_vars();
+    led_green_on();
+    led_red_on();
+    led_red_off();
+
+    dbg_flag = sys_data.debug_flag;
+    dbg_printf("\r\n***** BOARD_HXC = 3  HXC3 Tiva 123 + HXC3 baseboard *****\r\n");
+    wakeSource = wake_handler();
+
+    for (;;) {
+        uint32_t state = sys_samp.state;
+        if (state == IDLE) {
+            dbg_printf("\r\nMAIN: state = IDLE\r\n");
+        } else if (state == DEPLOYED) {
+            dispatch_deployed();
+        }
+        if (state != DEPLOYED) {
+            if (sys_samp.state != 0) {
+                uprintf("ERROR in sys_samp.state = %u", static_cast<unsigned>(sys_samp.state));
+            }
+            sys_samp.state = IDLE;
+        }
+
+        m2m_statemachine_init();
+        exec_main_loop(100);
+
+        if (sys_samp.state != 0) {
+            deploy(DEPLOYED, 1);
+        } else {
+            sleep(0, 0);
+        }
+        uprintf("\r\nlife after switch\r\n");
+    }
+}
+
+void exec_main_loop(uint32_t timeout_s) {
+    apf_set_m2m_timeout();
+    uint32_t start = HibernateRTCGet();
+    for (;;) {
+        wdog_pet();
+        int32_t r = handle_m2m_comm();
+        uint32_t now = HibernateRTCGet();
+        if (r > 0) {
+            start = now;
+        }
+        if (r < 0) {
+            return;
+        }
+        if (now - start > timeout_s) {
+            return;
+        }
+        if (now - start > barfSampleTime && databarFlg == 1) {
+            start = now;
+            get_sample(1, 1);
+        }
+    }
+}
+
+void deploy(uint32_t state, uint32_t skip_sample) {
+    if (state != DEPLOYED) {
+        uprintf("\r\n\r\nDeploy() Should NOT be IDLE, check arg error\r\n\r\n");
+        wait_consoleTx();
+        sleep(0, 0);
+        return;
+    }
+    if (skip_sample == 0) {
+        pump_and_sample(1, 1);
+    }
+    compute_nextWakeUp();
+    sleep(1, sys_samp.nextWakeUp);
+}
+
+// Unaligned, the schedule advances from the previous wake, so it does not drift with the time a
+// sample takes. Aligned, the wake is the first point at or after now on the grid of
+// sampling_period counted from the top of the hour. An aligned period of 0 has no grid: the wake
+// is now, which sleep turns into a wake two seconds later.
+uint32_t compute_nextWakeUp(void) {
+    uint32_t period = sys_data.sampling_period;
+    if (sys_data.sample_aligned == 0) {
+        sys_samp.nextWakeUp = sys_samp.nextWakeUp + period;
+        return sys_samp.nextWakeUp;
+    }
+    uint32_t now = HibernateRTCGet();
+    uint32_t t = now;
+    if (period != 0) {
+        t = now - now % 3600 + period;
+        while (now > t) {
+            t += period;
+        }
+    }
+    sys_samp.nextWakeUp = t;
+    return t;
+}
+
+// The halt spins on the delay primitive without feeding the watchdog, so only a reset or the
+// watchdog ends it.
+extern "C" void faultISR_handler(void) {
+    uprintf(
+        "\r\n\r\nQuillon Crash!!!, entering FaultISR infinte loop.  Hit Reset and report problem\r\n\r\n");
+    wait_consoleTx();
+    delay_msec(1000);
+    for (;;) {
+        SysCtlDelay(16667);
+    }
+}

@@ -1,0 +1,111 @@
+// Timebase: SysTick millisecond counters, busy-wait delays and the Error.txt log.
+//
+// SysCtlDelay spends three processor cycles per count, so at 50 MHz one millisecond is 16667 counts
+// and one microsecond 17. Every delay feeds the external watchdog so that long waits are safe.
+#include "core/timebase.h"
+
+#include <cstring>
+
+#include "core/board_util.h"
+#include "core/system.h"
+#include "driverlib/hibernate.h"
+#include "driverlib/sysctl.h"
+#include "ports/uartstdio.h"
+#include "storage/fatfs/diskio.h"
+#include "storage/fatfs/ff.h"
+#include "storage/microsd.h"
+
+namespace {
+constexpr uint32_t delay_counts_per_ms = 16667;
+constexpr uint32_t delay_counts_per_us = 17;
+} // namespace
+
+volatile uint32_t timer_1ms = 0;
+volatile uint32_t timer_10ms = 0;
+
+extern "C" void SysTickHandler(void) {
+    uint32_t t = timer_1ms + 1;
+    timer_1ms = t;
+    if (t % 10 == 0) {
+        disk_timerproc();
+        timer_10ms = timer_10ms + 1;
+    }
+}
+
+uint32_t Timer_1ms(uint32_t reset) {
+    if (reset == 1) {
+        timer_1ms = 0;
+        return 0;
+    }
+    return timer_1ms;
+}
+
+uint32_t Timer_10ms(uint32_t reset) {
+    if (reset == 1) {
+        timer_10ms = 0;
+        return 0;
+    }
+    return timer_10ms;
+}
+
+void delay_usec(uint32_t us) {
+    // SysCtlDelay(0) would count down from 2^32 (over four minutes), so zero skips the wait.
+    if (us > 0) {
+        SysCtlDelay(delay_counts_per_us * us);
+    }
+    wdog_pet();
+}
+
+void delay_msec(uint32_t ms) {
+    for (uint32_t i = 0; i < ms; i++) {
+        wdog_pet();
+        SysCtlDelay(delay_counts_per_ms);
+    }
+}
+
+void delay_sec(uint32_t s) {
+    for (uint64_t i = 0; i <= s; i++) {
+        delay_msec(1000);
+    }
+}
+
+struct tm* get_RTC_time(void) {
+    time_t t = static_cast<time_t>(HibernateRTCGet());
+    return localtime(&t);
+}
+
+// Each step runs even when an earlier one failed, and each failure is reported on its own: the log
+// is the last resort for a fault, so it tries as much as it can.
+void error_store(const char* message) {
+    if (sys_data.app_cfg[APPCFG_MICROSD_ENABLE] == 0) {
+        uprintf("error_stor() not supported with microSD_flg=0 disabled\r\n");
+        return;
+    }
+
+    FIL fil{}; // zeroed, so later calls on a file that failed to open are refused, not followed
+    UINT written = 0;
+    FRESULT fr = f_open(&fil, "Error.txt", FA_OPEN_ALWAYS | FA_WRITE);
+    if (fr != FR_OK) {
+        uprintf("Error.txt f_open error: %s\r\n", StringFromFresult(fr));
+    }
+    fr = f_lseek(&fil, f_size(&fil));
+    if (fr != FR_OK) {
+        uprintf("Error.txt f_lseek error: %s\r\n", StringFromFresult(fr));
+    }
+
+    char stamp[50];
+    size_t len = strftime(stamp, sizeof(stamp), "\r\n%Y/%m/%d %H:%M:%S ", get_RTC_time());
+    fr = f_write(&fil, stamp, static_cast<UINT>(len), &written);
+    if (fr != FR_OK) {
+        uprintf("Error.txt f_write error: %s\r\n", StringFromFresult(fr));
+    }
+    fr = f_write(&fil, message, static_cast<UINT>(strlen(message)), &written);
+    if (fr != FR_OK) {
+        uprintf("Error.txt f_write error: %s\r\n", StringFromFresult(fr));
+    }
+
+    fr = f_close(&fil);
+    if (fr != FR_OK) {
+        uprintf("Error.txt f_close error: %s\r\n", StringFromFresult(fr));
+    }
+}

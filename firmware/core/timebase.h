@@ -1,0 +1,27 @@
+// Timebase of the controller: the 1 ms SysTick counters used for time-outs, the calibrated busy-wait
+// delays that keep the watchdog fed, the RTC as calendar time, and the error log on the card.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+// Written by the SysTick interrupt only (and cleared through Timer_1ms(1) / Timer_10ms(1)).
+extern volatile uint32_t timer_1ms;
+extern volatile uint32_t timer_10ms;
+
+extern "C" void SysTickHandler(void);
+
+// reset == 1 clears the counter and returns 0; any other value returns the count.
+uint32_t Timer_1ms(uint32_t reset);
+uint32_t Timer_10ms(uint32_t reset);
+
+void delay_usec(uint32_t us);
+void delay_msec(uint32_t ms);
+// Waits s + 1 seconds: delay_sec(0) is one second.
+void delay_sec(uint32_t s);
+
+// Calendar time of the RTC seconds (the runtime's static localtime result).
+struct tm* get_RTC_time(void);
+
+// Appends "\r\n<timestamp> <message>" to Error.txt on the card.
+void error_store(const char* message);

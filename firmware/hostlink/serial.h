@@ -1,0 +1,33 @@
+// Machine-to-machine session on the console: the receive record rx0, its state machine and the
+// line-timing commands shared by people and float controllers.
+#pragma once
+
+#include <cstdint>
+
+struct rxStateMach {
+    uint32_t state;         // receive state: 0 idle, 1 break-in, 2 text line, 3 framed line
+    uint32_t indx;          // bytes stored in buf (the line length)
+    uint32_t cnt;           // byte counter
+    uint32_t cr_cnt;        // consecutive carriage returns while idle
+    uint32_t cmd;           // code of the last command matched, 0 when none
+    uint32_t tick_ms_start; // Timer_1ms of the latest byte of the line
+    uint32_t tick_ms_now;
+    uint32_t tick_ms_delta;
+    uint32_t tick_ms_delim; // silence in ms that ends a line
+    uint8_t byte;           // the byte just received
+    uint8_t buf[64];        // the line, NUL-terminated
+};
+
+extern rxStateMach rx0;
+
+// Handles at most one received byte: 0 when none waited, -1 when the session is to end, positive
+// otherwise.
+int32_t handle_m2m_comm(void);
+// Echo off, receive record cleared (tick_ms_delim kept), prompt "\r\n>".
+void m2m_statemachine_init(void);
+// Machine mode: 250 ms of silence ends a line.
+void apf_set_m2m_timeout(void);
+// Human mode: seconds of silence end a line.
+void apf_set_h2m_timeout(uint32_t seconds);
+// Key reader of the menus while a controller may be attached.
+uint8_t get_key_m2m(void);
