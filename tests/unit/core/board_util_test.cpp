@@ -1,0 +1,101 @@
+// Watchdog feeding statistics and lines, the external watchdog seen from the board, and the LEDs.
+#include <gtest/gtest.h>
+
+#include "board/pinmux.h"
+#include "core/board_util.h"
+#include "core/timebase.h"
+#include "driverlib/interrupt.h"
+#include "driverlib/sysctl.h"
+#include "driverlib/systick.h"
+#include "inc/hw_memmap.h"
+#include "sim_test.h"
+
+namespace {
+
+constexpr uint8_t PF0 = 0x01, PF1 = 0x02, PF2 = 0x04, PF3 = 0x08;
+
+void bring_up(void) {
+    init_TM4C123GH6PM_64pin();
+    SysTickPeriodSet(50000000 / 1000);
+    SysTickIntEnable();
+    SysTickEnable();
+    IntMasterEnable();
+}
+
+class BoardUtilTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        sim::test::reset_board();
+        ASSERT_TRUE(sim::test::run(bring_up).returned);
+        watchDog = wdogData{};
+        Timer_1ms(1);
+    }
+};
+
+TEST_F(BoardUtilTest, FeedStatisticsKeepTheLongestGap) {
+    wdog_init();
+    sim::test::advance_s(0.1);
+    wdog_pet();
+    sim::test::advance_s(0.4);
+    wdog_pet();
+    sim::test::advance_s(0.25);
+    wdog_pet();
+    sim::test::advance_s(0.25);
+    wdog_pet();
+
+    EXPECT_NEAR(watchDog.tickLongest, 400u, 1u);
+    EXPECT_EQ(watchDog.tickDelta, Timer_1ms(0));
+    EXPECT_NEAR(watchDog.tickTot, 1000u, 1u);
+    EXPECT_EQ(watchDog.bitten, 0u);
+}
+
+TEST_F(BoardUtilTest, InitEnablesTheWatchdogAndFeedPulsesEndLow) {
+    wdog_init();
+    EXPECT_TRUE(sim::gpio_level(GPIO_PORTF_BASE, PF0));
+    EXPECT_FALSE(sim::gpio_level(GPIO_PORTF_BASE, PF1));
+    wdog_pet();
+    EXPECT_FALSE(sim::gpio_level(GPIO_PORTF_BASE, PF1));
+}
+
+// Long waits are safe because every delay feeds; a busy loop that does not feed is reset.
+TEST_F(BoardUtilTest, ExternalWatchdogResetsOnlyAStarvedBoard) {
+    auto fed = sim::test::run([] {
+        wdog_init();
+        delay_sec(70);
+    });
+    EXPECT_TRUE(fed.returned);
+
+    auto starved = sim::test::run([] {
+        wdog_init();
+        for (int i = 0; i < 90; i++) {
+            SysCtlDelay(16666667); // one second, no feed
+        }
+    });
+    EXPECT_FALSE(starved.returned);
+    EXPECT_EQ(starved.event, sim::PowerEvent::watchdog);
+}
+
+TEST_F(BoardUtilTest, LedsFollowTheirStoredState) {
+    led_init();
+    EXPECT_EQ(ledRedState, 0u);
+    EXPECT_FALSE(sim::gpio_level(GPIO_PORTF_BASE, PF2));
+
+    led_red_on();
+    EXPECT_EQ(ledRedState, 1u);
+    EXPECT_TRUE(sim::gpio_level(GPIO_PORTF_BASE, PF2));
+    led_red_toggle();
+    EXPECT_EQ(ledRedState, 0u);
+    EXPECT_FALSE(sim::gpio_level(GPIO_PORTF_BASE, PF2));
+    led_red_toggle();
+    EXPECT_EQ(ledRedState, 1u);
+
+    led_green(1);
+    EXPECT_EQ(ledGreenState, 1u);
+    EXPECT_TRUE(sim::gpio_level(GPIO_PORTF_BASE, PF3));
+    led_green_toggle();
+    EXPECT_EQ(ledGreenState, 0u);
+    EXPECT_FALSE(sim::gpio_level(GPIO_PORTF_BASE, PF3));
+    EXPECT_TRUE(sim::gpio_level(GPIO_PORTF_BASE, PF2)) << "the green LED must not touch the red one";
+}
+
+} // namespace

@@ -1,0 +1,118 @@
+// The board directory files the runtime keeps: the hibernation module's `rtc` file, scenario.ini
+// and the --stats lines.
+#include "board.h"
+#include "runtime.h"
+#include "sim_test.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+namespace {
+
+class BoardFilesTest : public ::testing::Test {
+  protected:
+    std::string dir;
+    void SetUp() override {
+        char tmpl[] = "/tmp/hxc3-board-test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        sim::test::reset_board();
+    }
+    void TearDown() override {
+        for (const char* f : {"rtc", "scenario.ini", "stats.csv"}) {
+            std::remove((dir + "/" + f).c_str());
+        }
+        rmdir(dir.c_str());
+    }
+    void write(const std::string& name, const std::string& text) { std::ofstream(dir + "/" + name) << text; }
+    std::string read(const std::string& name) {
+        std::ifstream in(dir + "/" + name);
+        std::ostringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+};
+
+TEST_F(BoardFilesTest, RtcFileKeepsEveryField) {
+    sim::HibState h{};
+    h.rtc_seconds = 1767225600;
+    h.rtc_sub_ns = 123456789;
+    h.match0 = 1767226500;
+    h.trim = 0x7FFF;
+    h.ctl = 0x59;
+    h.ris = 0x11;
+    h.im = 0x01;
+    h.active = 1;
+    h.hibernating = 1;
+    h.rtc_enabled = 1;
+    h.data[15] = 0xCAFEF00D;
+    ASSERT_TRUE(sim::board::save_rtc(dir + "/rtc", h));
+    sim::HibState back{};
+    ASSERT_TRUE(sim::board::load_rtc(dir + "/rtc", back));
+    EXPECT_EQ(back.rtc_seconds, h.rtc_seconds);
+    EXPECT_EQ(back.rtc_sub_ns, h.rtc_sub_ns);
+    EXPECT_EQ(back.match0, h.match0);
+    EXPECT_EQ(back.trim, h.trim);
+    EXPECT_EQ(back.ctl, h.ctl);
+    EXPECT_EQ(back.ris, h.ris);
+    EXPECT_EQ(back.im, h.im);
+    EXPECT_EQ(back.active, 1);
+    EXPECT_EQ(back.hibernating, 1);
+    EXPECT_EQ(back.rtc_enabled, 1);
+    EXPECT_EQ(back.data[15], 0xCAFEF00Du);
+    EXPECT_NE(read("rtc").find("2026-01-01 00:00:00 UTC"), std::string::npos) << "readable by a person";
+    EXPECT_FALSE(sim::board::load_rtc(dir + "/missing", back));
+}
+
+TEST_F(BoardFilesTest, ScenarioIniTakesValuesQuotesAndComments) {
+    write("scenario.ini", "# comment\n"
+                          "bath.ph = 7.9   # after the value\n"
+                          "  port4=sbe37\n"
+                          "port4.reply = \"  23.1, 35.0 # not a comment\\r\\n\"\n"
+                          "this line is wrong\n"
+                          "hibernate.fail = 3\n");
+    sim::board::load_scenario(dir + "/scenario.ini");
+    EXPECT_EQ(sim::scenario_num("bath.ph", 8.0), 7.9);
+    EXPECT_EQ(sim::scenario_str("port4", "none"), "sbe37");
+    EXPECT_EQ(sim::scenario_str("port4.reply", ""), "  23.1, 35.0 # not a comment\r\n");
+    EXPECT_EQ(sim::hib().fail_requests, 3);
+}
+
+TEST_F(BoardFilesTest, TheTemplateSetsNothing) {
+    write("scenario.ini", sim::board::scenario_template());
+    sim::board::load_scenario(dir + "/scenario.ini");
+    EXPECT_EQ(sim::shared().scenario.count, 0);
+    EXPECT_NE(sim::board::scenario_template().find("# card.type = sdhc"), std::string::npos);
+}
+
+TEST_F(BoardFilesTest, StatsHeaderComesOnceAtTheTop) {
+    ASSERT_TRUE(sim::board::append_stats(dir + "/stats.csv", "a"));
+    ASSERT_TRUE(sim::board::append_stats(dir + "/stats.csv", "b"));
+    EXPECT_EQ(read("stats.csv"), std::string(sim::board::stats_header) + "\na\nb\n");
+}
+
+TEST_F(BoardFilesTest, PeriodLineHasTheContractedFields) {
+    // reset_board started a power-up period at 2026-01-01 00:00:00.
+    sim::test::advance_s(1.5);
+    sim::stats().tx_bytes = 42;
+    sim::stats().sd_reads = 3;
+    EXPECT_EQ(sim::end_period(), "2026-01-01T00:00:00Z,power,1500,3,0,42");
+    EXPECT_EQ(sim::end_period(), "") << "a period is written once";
+}
+
+TEST(UtcTest, ParsesAndFormatsTheTimeOption) {
+    uint32_t t = 0;
+    EXPECT_TRUE(sim::board::parse_utc("2026-01-01 00:00:00", t));
+    EXPECT_EQ(t, 1767225600u);
+    EXPECT_EQ(sim::board::format_utc(t), "2026-01-01 00:00:00");
+    EXPECT_FALSE(sim::board::parse_utc("2026-02-30 00:00:00", t)) << "no such day";
+    EXPECT_FALSE(sim::board::parse_utc("2026-01-01T00:00:00", t));
+    EXPECT_FALSE(sim::board::parse_utc("2026-01-01 24:00:00", t));
+    EXPECT_FALSE(sim::board::parse_utc("2026-01-01 00:00:00 extra", t));
+}
+
+} // namespace
