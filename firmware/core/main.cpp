@@ -84,7 +84,7 @@ uint32_t classify_wake(uint32_t status) {
 
 // First use of the module (power-up, or a wake that was neither pin nor RTC).
 void setup_hibernation(void) {
-    HibernateClockConfig(HIBERNATE_OSC_LOWDRIVE); // 32.768 kHz crystal, normal drive
+    HibernateClockConfig(HIBERNATE_OSC_LOWDRIVE); // 32.768 kHz crystal, low drive (0)
     HibernateRTCTrimSet(0x7FFF);
     HibernateIntDisable(hib_used_interrupts);
     delay_msec(hib_settle_ms);
@@ -175,7 +175,6 @@ void init_hxc(void) {
     apf.sys_por_flag = 1;
     if (uvsDbgFlg == 1) {
         uprintf("  Norvale Sensor Controller v3 Initializing...\r\n");
-        wait_consoleTx();
     }
     init_apf_global_vars();
     IOPwrUp();
@@ -210,16 +209,13 @@ int IOPwrDown(void) {
     return 0;
 }
 
-// The status is read before HibernateEnableExpClk: that call turns the module's clock on (so the
-// module always looks active afterwards) and its write raises the write-complete bit. Read first,
-// "active" means the chip came out of hibernation or a reset that kept the module running, and the
-// status is what that wake left. On a power-up there is no status: the source is WAKE_NOTSET, the
-// sampling state is left for main to end, and the module is set up for first use.
+// The module is active when it was already running as this power-on period began: the chip came
+// out of hibernation, or a reset kept the module running, and its status tells what woke the chip.
+// A power-up finds it stopped: no status is read, the source is WAKE_NOTSET (main then ends a
+// deployment), and the module is set up for first use.
 uint32_t wake_handler(void) {
     SysCtlPeripheralEnable(SYSCTL_PERIPH_HIBERNATE);
     HibernateEnableExpClk(g_ui32SysClock);
-    // A module that was not running reads no status: the start is not a counted wake, and the
-    // module is set up afresh below.
     uint32_t status = 0;
     uint32_t source = WAKE_NOTSET;
     if (HibernateIsActive()) {

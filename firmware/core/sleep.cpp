@@ -13,6 +13,14 @@
 #include "storage/i2c_fram.h"
 
 namespace {
+// Waits here are plain busy loops of the delay primitive (three cycles per count at 50 MHz), with
+// no watchdog feed: the board is about to lose power anyway.
+constexpr uint32_t delay_counts_per_ms = 16667;
+
+void busy_wait_ms(uint32_t ms) {
+    SysCtlDelay(delay_counts_per_ms * ms);
+}
+
 // A scheduled wake must lie in (now + 2, now + 3600]. Anything else, including a time more than one
 // hour ahead, is taken as invalid and the board wakes two seconds from now instead.
 uint32_t guard_wake_time(uint32_t wake_time, uint32_t now) {
@@ -35,7 +43,7 @@ void sleep_idle(uint32_t state) {
     if (verbose) {
         uprintf("hit any key to wake\r\n\r\n\r\n");
     }
-    delay_msec(25);
+    busy_wait_ms(25);
 }
 
 void sleep_until(uint32_t wake_time) {
@@ -60,7 +68,7 @@ void hibernation_failed(void) {
     uprintf("\r\n\r\n\r\nHibernation error!  Possible cause: remove JP1 on Tessel board \r\n\r\n\r\n");
     error_store("Hibernation error.  Possible cause: remove JP1 on Tessel board.  \r\n");
     uprintf("\r\n\r\n\r\nCalling SysCtrlReset...\r\n\r\n\r\n");
-    delay_msec(100);
+    busy_wait_ms(100);
     SysCtlReset();
 }
 } // namespace
@@ -86,7 +94,7 @@ void sleep(uint32_t state, uint32_t wake_time) {
     HibernateRTCTrimSet(0x7FFF);
     HibernateRequest();
 
-    delay_msec(100);
+    busy_wait_ms(100);
     hibernation_failed();
 }
 
