@@ -41,6 +41,23 @@ void prn_append(const char* fmt, ...) {
     }
 }
 
+// "%13llu" without the C library: the board's printf has no 64-bit integer conversions and would
+// print the letters instead of the number.
+void format_u64_13(char* text, size_t size, unsigned long long v) {
+    char digits[21];
+    size_t n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    char number[21];
+    for (size_t i = 0; i < n; i++) {
+        number[i] = digits[n - 1 - i];
+    }
+    number[n] = '\0';
+    snprintf(text, size, "%13s", number);
+}
+
 // The time column: 1 calendar time, 2 milliseconds on the controller's epoch (the constant is the
 // one the host software expects), anything else an empty field.
 void format_time_column(char* text, size_t size) {
@@ -53,7 +70,7 @@ void format_time_column(char* text, size_t size) {
         }
     } else if (sys_data.data_cfg[CFG_TIMESTAMP] == 2) {
         unsigned long long ms = static_cast<unsigned long long>(sampl.timestamp) * 1000ULL - 2208963602000ULL;
-        snprintf(text, size, "%13llu", ms);
+        format_u64_13(text, size, ms);
     }
 }
 
