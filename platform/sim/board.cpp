@@ -176,7 +176,8 @@ bool save_rtc(const std::string& path, const HibState& h) {
         std::fprintf(f, " 0x%08x", w);
     }
     std::fprintf(f, "\n");
-    bool ok = std::fflush(f) == 0 && fsync(fileno(f)) == 0;
+    // Written at every hibernation: the rename keeps it whole without waiting for the disk.
+    bool ok = std::fflush(f) == 0;
     ok = std::fclose(f) == 0 && ok;
     if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
         message("cannot write %s: %s", path.c_str(), std::strerror(errno));
