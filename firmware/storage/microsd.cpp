@@ -1,12 +1,30 @@
-// microSD card: detection, start-up mount and result names.
-//
-// The card driver (SPI block device, its time-out counters and the start-up mount) comes with the
-// storage work; until then no card is reported and initialisation fails, so logging stays off.
+// microSD card: the start-up mount, card detection, the data logger's append and printf routines,
+// and the names of the file system's results for error messages.
 #include "storage/microsd.h"
 
-#include "storage/fatfs/diskio.h"
+#include "core/system.h"
+#include "core/timebase.h"
+#include "ports/uartstdio.h"
+
+#include "driverlib/gpio.h"
+#include "driverlib/pin_map.h"
+#include "driverlib/ssi.h"
+#include "driverlib/sysctl.h"
+#include "inc/hw_memmap.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+FATFS g_sFatFs;
 
 namespace {
+
+// The pause between opening the data file and writing to it.
+constexpr uint32_t append_settle_ms = 1;
+// Read, write, open always: the data file is created when missing and never truncated.
+constexpr BYTE append_mode = FA_READ | FA_WRITE | FA_OPEN_ALWAYS;
+static_assert(append_mode == 0x13);
 
 struct FresultName {
     FRESULT code;
@@ -39,11 +57,76 @@ constexpr FresultName fresult_names[] = {
 } // namespace
 
 uint32_t uSD_present(void) {
+    return (disk_initialize(0) & STA_NOINIT) == 0 ? 1 : 0;
+}
+
+// PA3 is handed to SSI0 here; the card driver makes it its GPIO chip select again when the mount
+// initialises the card (f_mount always leads to a fresh disk_initialize).
+uint32_t init_uSDCard(void) {
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_SSI0);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_GPIOA);
+    GPIOPinConfigure(GPIO_PA2_SSI0CLK);
+    GPIOPinConfigure(GPIO_PA3_SSI0FSS);
+    GPIOPinConfigure(GPIO_PA4_SSI0RX);
+    GPIOPinConfigure(GPIO_PA5_SSI0TX);
+    GPIOPinTypeSSI(GPIO_PORTA_BASE, GPIO_PIN_2 | GPIO_PIN_3 | GPIO_PIN_4 | GPIO_PIN_5);
+    SSIDisable(SSI0_BASE); // the card check may have left it running; the clock changes only while off
+    SSIConfigSetExpClk(SSI0_BASE, SysCtlClockGet(), SSI_FRF_MOTO_MODE_0, SSI_MODE_MASTER, 1000000, 8);
+    SSIEnable(SSI0_BASE);
+    uint32_t junk;
+    while (SSIDataGetNonBlocking(SSI0_BASE, &junk)) {
+    }
+    FRESULT fr = f_mount(&g_sFatFs, "", 0);
+    if (fr != FR_OK) {
+        uprintf("f_mount error: %s\r\n", StringFromFresult(fr));
+        return 1;
+    }
     return 0;
 }
 
-uint32_t init_uSDCard(void) {
-    return 1;
+void appendBufferToSDCard(const char* buffer) {
+    char name[sizeof sys_data.fileName + 1];
+    std::memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
+    name[sizeof sys_data.fileName] = '\0';
+    // A file object that failed to open is refused by the later calls (invalid object), never used.
+    static FIL fil;
+    std::memset(&fil, 0, sizeof fil);
+    FRESULT fr = f_open(&fil, name, append_mode);
+    if (fr != FR_OK) {
+        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
+    }
+    delay_msec(append_settle_ms);
+    fr = f_lseek(&fil, f_size(&fil));
+    if (fr != FR_OK) {
+        uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
+    }
+    UINT written = 0;
+    fr = f_write(&fil, buffer, static_cast<UINT>(std::strlen(buffer)), &written);
+    if (fr != FR_OK) {
+        uprintf("f_write error: %s\r\n", StringFromFresult(fr));
+    }
+    fr = f_close(&fil);
+    if (fr != FR_OK) {
+        uprintf("f_close error: %s\r\n", StringFromFresult(fr));
+    }
+}
+
+FRESULT sd_fprintf(FIL* fil, const char* format, ...) {
+    char text[sd_fprintf_max];
+    va_list args;
+    va_start(args, format);
+    int n = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    UINT len = n < 0 ? 0 : static_cast<UINT>(n);
+    if (len >= sizeof text) {
+        len = sizeof text - 1;
+    }
+    UINT written = 0;
+    FRESULT fr = f_write(fil, text, len, &written);
+    if (fr != FR_OK) {
+        uprintf("f_write error: %s\r\n", StringFromFresult(fr));
+    }
+    return fr;
 }
 
 const char* StringFromFresult(FRESULT fr) {
@@ -54,5 +137,3 @@ const char* StringFromFresult(FRESULT fr) {
     }
     return "UNKNOWN ERROR CODE";
 }
-
-extern "C" void disk_timerproc(void) {}

@@ -18,7 +18,7 @@ namespace {
 
 void release(Backing& b) {
     if (b.mapped && b.data) {
-        msync(b.data, b.size, MS_SYNC);
+        msync(b.data, b.size, MS_ASYNC); // the page cache keeps a MAP_SHARED file; no disk wait per period
         munmap(b.data, b.size);
     }
     b.data = nullptr;
@@ -123,7 +123,7 @@ uint8_t* backing_attach(Backing& b, const char* file_name, size_t size, uint8_t 
 
 void backing_flush(Backing& b) {
     if (b.mapped && b.data) {
-        msync(b.data, b.size, MS_SYNC);
+        msync(b.data, b.size, MS_ASYNC); // the page cache keeps a MAP_SHARED file; no disk wait per period
     }
 }
 
@@ -137,6 +137,7 @@ void devices_power_on() {
     dev::eeprom_power_on();
     dev::gpio_reset();
     dev::i2c_reset();
+    dev::sdcard_attach();
     dev::ssi_reset();
     dev::uart_reset();
 }

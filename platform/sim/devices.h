@@ -84,6 +84,10 @@ void ssi_reset();
 uint64_t ssi_next_event_ns();
 void ssi_service(uint64_t now_ns);
 
+// ---------------------------------------------------------------- microSD card (sdcard.cpp)
+// Hangs the card on SSI0 (select PA3) the first time; called before the SSI modules reset.
+void sdcard_attach();
+
 // ---------------------------------------------------------------- serial flash (flash.cpp)
 SpiDevice& flash_device(int chip);
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace sim {
 
@@ -119,6 +120,36 @@ void set_flash_jedec(uint8_t manufacturer, uint8_t type, uint8_t capacity);
 
 // Watchdog model (gpio.cpp): virtual time of the latest feed, and whether it is enabled.
 uint64_t watchdog_deadline_ns(); // UINT64_MAX when disabled
+
+// ---------------------------------------------------------------- microSD card (sdcard.cpp)
+// The card in the slot on SSI0 (chip select PA3), an SD or MMC card in SPI mode. What kind of card
+// and whether one is in the slot come from the scenario (`card`, `card.type`, the script's `card
+// remove`/`card insert`); a new card.type takes effect when the card next powers up or is inserted.
+// A `protected` card refuses every block written to it (data response "write error"), since the
+// socket has no write-protect line the driver could read.
+// Its contents are an image file: board/sdcard.img in hxc3-sim, the file sd_set_image names in the
+// unit tests. Without a usable image the slot reads as empty. The card's capacity is the image's size
+// rounded down to what its CSD register can express; blocks the file does not reach read as zeros.
+// Sectors read and written are counted in stats().
+void sd_set_image(const std::string& path); // empty: no image
+// Ends the power-on period (PowerEvent::power_cycle) as soon as the k-th sector write from now has
+// reached the image, before the card acknowledges it; 0 cancels.
+void sd_cut_power_after_writes(uint64_t k);
+// Every command frame the card took since the last clear, in order (CMD55 included; `app` marks the
+// command that follows it).
+struct SdCommand {
+    uint8_t index;
+    uint32_t arg;
+    bool app;
+};
+const std::vector<SdCommand>& sd_commands();
+void sd_clear_commands();
+// Back to a new board: no image set, no power cut pending, no commands recorded.
+void sd_reset();
+// Makes `path` a new, sparse card image of `bytes` bytes formatted by the firmware's own f_mkfs
+// (fmt: FM_FAT or FM_FAT32, one FAT, no partition table), run on the card model in a child process so that
+// this process's firmware state stays untouched. False (and no file) when that fails.
+bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt);
 
 // Counters for --stats (devices add to them; the runtime writes and resets them per period).
 struct PeriodStats {

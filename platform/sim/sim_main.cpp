@@ -11,6 +11,7 @@
 #include "driverlib/eeprom.h"
 #include "driverlib/sysctl.h"
 #include "inc/hw_hibernate.h"
+#include "storage/fatfs/ff.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -39,6 +40,7 @@ namespace {
 constexpr uint8_t quit_key = 0x1d;  // Ctrl-]
 constexpr int exit_internal = 3;    // the firmware process died, or the board could not be set up
 constexpr int event_exit_base = 20; // a period's child exits with this plus its PowerEvent
+constexpr uint64_t card_bytes = 256ull * 1024 * 1024; // a new board's microSD card
 
 const char* const usage_text =
     "usage: hxc3-sim [options]\n"
@@ -554,7 +556,8 @@ bool make_dirs(const std::string& dir) {
 }
 
 // Creates whatever the board directory lacks. A new FRAM is blank; a new RTC stands at --time (or
-// the host's clock); a new scenario.ini documents every key at its default.
+// the host's clock); a new scenario.ini documents every key at its default; a new sdcard.img is an
+// empty FAT32 card.
 bool prepare_board() {
     if (!make_dirs(g_opt.board)) {
         return false;
@@ -593,6 +596,12 @@ bool prepare_board() {
     }
     if (!exists(scenario) && !write_file(scenario, board::scenario_template())) {
         return false;
+    }
+    // A new card, formatted as a PC would format it (FAT32), by the firmware's own FAT module. A
+    // board without one runs on with an empty slot.
+    std::string card = path_in_board("sdcard.img");
+    if (!exists(card) && !sd_make_image(card, card_bytes, FM_FAT32)) {
+        message("no card image in %s: the microSD slot is empty", g_opt.board.c_str());
     }
     return true;
 }

@@ -73,6 +73,7 @@ void reset_board(uint32_t rtc_seconds) {
     use_shared(nullptr);
     clear_shared(rtc_seconds);
     set_board_dir("");
+    sd_reset();
     set_script(nullptr);
     set_host(Host{collect, nullptr, 0, off});
     devices_power_on();

@@ -75,6 +75,7 @@ typedef struct {
     LBA_t sect;
     LBA_t dir_sect;
     BYTE* dir_ptr;
+    DWORD pclust; /* cluster whose FAT link to clust waits until clust's data is written */
     BYTE buf[FF_MAX_SS];
 } FIL;
 
@@ -85,7 +86,8 @@ typedef struct {
     DWORD clust;
     LBA_t sect;
     BYTE* dir;
-    BYTE fn[12]; /* 8.3 name being looked up */
+    BYTE fn[12];   /* 8.3 name being looked up, then its status */
+    DWORD blk_ofs; /* offset of the long-name entries before the entry found, 0xFFFFFFFF if none */
 } DIR;
 
 /* Directory entry as f_readdir returns it. fname is empty at the end of the directory. */
