@@ -10,6 +10,7 @@ test: deps host target
 target:
 	cmake --preset target >/dev/null
 	cmake --build --preset target
+	@cmake -DSIZE_TOOL=arm-none-eabi-size -DELF=build/target/hxc3.elf -P platform/tm4c123/image_size.cmake
 
 bench: host-release
 	cmake --build --preset host-release --target hxc3_bench
