@@ -7,10 +7,13 @@
 //   SSI2   PB4 CLK, PB5 FSS, PB6 RX, PB7 TX   serial flash
 //   UART4  PC4 RX, PC5 TX           port 4 (CTD)
 //   UART3  PC6 RX, PC7 TX           port 3 (optode, radiometer, pH instrument)
-//   SSI3   PD0 CLK, PD1 FSS, PD2 RX, PD3 TX   isolated ADC
+//   SSI3   PD0 CLK, PD2 RX, PD3 TX   isolated ADC; PD1 its chip select (GPIO output). The ADC
+//          driver hands PD0/PD2/PD3 to SSI3 while the isolated side is powered; until then they
+//          idle as in its power-down: PD0, PD1, PD3 driven low, PD2 an input
 //   UART6  PD4 RX, PD5 TX
 //   UART2  PD6 RX, PD7 TX
-//   UART7  PE0 RX, PE1 TX
+//   PE0 isolated supply enable (low: off), PE1 ADC data-ready (input), PE2 ADC START, PE3 ADC
+//          reset (outputs, high)
 //   UART5  PE4 RX, PE5 TX
 //   PF0 watchdog enable, PF1 watchdog feed, PF2 red LED, PF3 green LED (outputs)
 //
@@ -73,14 +76,17 @@ void port_c(void) {
 
 void port_d(void) {
     GPIOUnlockPin(GPIO_PORTD_BASE, GPIO_PIN_7);
-    ssi_pins(GPIO_PD0_SSI3CLK, GPIO_PD1_SSI3FSS, GPIO_PD2_SSI3RX, GPIO_PD3_SSI3TX, GPIO_PORTD_BASE,
-             GPIO_PIN_0 | GPIO_PIN_1 | GPIO_PIN_2 | GPIO_PIN_3);
+    GPIOPinTypeGPIOOutput(GPIO_PORTD_BASE, GPIO_PIN_0 | GPIO_PIN_1 | GPIO_PIN_3);
+    GPIOPinWrite(GPIO_PORTD_BASE, GPIO_PIN_0 | GPIO_PIN_1 | GPIO_PIN_3, 0);
+    GPIOPinTypeGPIOInput(GPIO_PORTD_BASE, GPIO_PIN_2);
     uart_pins(GPIO_PD4_U6RX, GPIO_PD5_U6TX, GPIO_PORTD_BASE, GPIO_PIN_4 | GPIO_PIN_5);
     uart_pins(GPIO_PD6_U2RX, GPIO_PD7_U2TX, GPIO_PORTD_BASE, GPIO_PIN_6 | GPIO_PIN_7);
 }
 
 void port_e(void) {
-    uart_pins(GPIO_PE0_U7RX, GPIO_PE1_U7TX, GPIO_PORTE_BASE, GPIO_PIN_0 | GPIO_PIN_1);
+    GPIOPinTypeGPIOOutput(GPIO_PORTE_BASE, GPIO_PIN_0 | GPIO_PIN_2 | GPIO_PIN_3);
+    GPIOPinWrite(GPIO_PORTE_BASE, GPIO_PIN_0 | GPIO_PIN_2 | GPIO_PIN_3, GPIO_PIN_2 | GPIO_PIN_3);
+    GPIOPinTypeGPIOInput(GPIO_PORTE_BASE, GPIO_PIN_1);
     uart_pins(GPIO_PE4_U5RX, GPIO_PE5_U5TX, GPIO_PORTE_BASE, GPIO_PIN_4 | GPIO_PIN_5);
 }
 

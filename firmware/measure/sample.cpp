@@ -1,12 +1,27 @@
-// The sample record and its "last sample" line, and the sample-cycle entry points used by the
-// main state machine and the host link.
+// The sample record and its "last sample" line, and the sample cycle: one complete measurement
+// from powering the isolated ADC side to the line on the console and in the data file, with the
+// serial instruments run between the ADC readings. Also the pump entry points (no pump sequence in
+// this build), the bias and ground-fault test readings and continuous sampling.
 #include "measure/sample.h"
 
+#include "board/bme280.h"
+#include "board/ina260.h"
+#include "core/board_util.h"
+#include "core/menu.h"
 #include "core/system.h"
+#include "core/timebase.h"
+#include "instruments/ctd_aand5860.h"
+#include "instruments/ctd_base.h"
+#include "instruments/ctd_sbe37.h"
+#include "measure/ads1248_iso.h"
+#include "measure/apf_math.h"
 #include "ports/uartstdio.h"
+#include "storage/fatfs/ff.h"
 #include "storage/i2c_fram.h"
+#include "storage/microsd.h"
 
 #include "driverlib/hibernate.h"
+#include "driverlib/sysctl.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +30,10 @@
 
 sampData sampl;
 char prnBuf[PRNBUF_SIZE];
+char uart3_prn_buf[UART3_PRN_BUF_SIZE];
+char pumpBuf[PUMPBUF_SIZE];
+float fBiasNeg;
+float fBiasPos;
 uint32_t databarFlg = 0;
 uint32_t barfSampleTime = 5;
 
@@ -76,29 +95,536 @@ void format_time_column(char* text, size_t size) {
 
 } // namespace
 
-// Sample cycle entry points. The measurement work replaces these: for now a "sample" only stamps
-// the time and advances the counter, so that the deployment schedule and the session run honestly.
-void get_sample(uint32_t print, uint32_t write) {
-    sampl.timestamp = HibernateRTCGet();
+// ---------------------------------------------------------------- the sample cycle
+
+namespace {
+
+// Counter-electrode current from the sense voltage across its 15 kOhm resistor.
+constexpr double ik_amps_per_volt = 66666.667;
+// Time the isolated supply and the board sensors need from power-on before the sensors are read.
+constexpr uint32_t sensor_settle_ms = 151;
+constexpr uint32_t settle_step_ms = 5;
+// CTD codes on port 4: 5 is "none" (the default salinity is used), 6 and up are real drivers.
+constexpr unsigned char uart4_no_ctd = 5;
+constexpr unsigned char uart4_first_ctd = 6;
+constexpr BYTE append_mode = FA_READ | FA_WRITE | FA_OPEN_ALWAYS;
+static_assert(append_mode == 0x13);
+
+// The time column's text. A time-stamp setting other than 1 or 2 leaves it as the last sample left it.
+char time_text[51];
+
+// Millisecond stopwatch of the cycle: the previous diag mark.
+uint32_t diag_mark;
+
+void wait_ms(uint32_t ms) {
+    SysCtlDelay(ADS1248_DELAY_PER_MS * ms);
+}
+
+// One timing line of the cycle: milliseconds since the previous mark and since the cycle began.
+void diag(const char* fmt) {
+    uint32_t now = Timer_1ms(0);
+    if (sys_data.app_cfg[APPCFG_SAMPLING_DIAG] == 1) {
+        uprintf(fmt, (unsigned)(now - diag_mark), (unsigned)now);
+    }
+    diag_mark = now;
+}
+
+// Between ADC readings the instruments get a turn; a step that took measurable time says so.
+void diag_if_slow(const char* fmt) {
+    if (Timer_1ms(0) - diag_mark > 1) {
+        diag(fmt);
+    }
+}
+
+bool uart3_in_use() {
+    return sys_data.data_cfg[CFG_UART3_INST] != 0;
+}
+
+bool uart4_in_use() {
+    return sys_data.data_cfg[CFG_UART4_INST] >= uart4_first_ctd;
+}
+
+struct InstrumentStates {
+    int uart3;
+    int uart4;
+};
+
+void step_instruments(InstrumentStates& st) {
+    if (uart3_in_use()) {
+        st.uart3 = uart3_stateMachine(st.uart3);
+        diag_if_slow("\r\nUart3 St8Ma = %5u,   %5u");
+    }
+    if (uart4_in_use()) {
+        st.uart4 = uart4_stateMachine(st.uart4);
+        diag_if_slow("\r\nCTD    St8Ma = %5u,   %5u");
+    }
+}
+
+void stamp_time() {
+    unsigned char mode = sys_data.data_cfg[CFG_TIMESTAMP];
+    if (mode == 2) {
+        sampl.timestamp = HibernateRTCGet();
+        unsigned long long ms = static_cast<unsigned long long>(sampl.timestamp) * 1000ULL - 2208963602000ULL;
+        format_u64_13(time_text, sizeof time_text, ms);
+    } else if (mode == 1) {
+        sampl.timestamp = HibernateRTCGet();
+        struct tm* cal = get_RTC_time();
+        if (cal != nullptr) {
+            strftime(time_text, 50, "%m/%d/%Y %H:%M:%S", cal);
+        }
+    }
+}
+
+// The bias batteries are read through a divide-by-two; GPIO3 of the converter picks the side.
+float read_bias_side(uint32_t positive) {
+    ADS1248_gpio3(positive);
+    wait_ms(10);
+    return 2.0f * pollADS1248_iso(7, 6, (int)sys_data.Vbias_trials, 1, (int)sys_data.Vbias_sps);
+}
+
+float read_channel(uint32_t mux_position, int ain_pos, int ain_neg, uint32_t trials, uint32_t sps) {
+    ADS1248_gpio_ADG1609_mux(mux_position);
+    wait_ms(10);
+    return pollADS1248_iso(ain_pos, ain_neg, (int)trials, 1, (int)sps);
+}
+
+// Readings of the biased cells go into the line only.
+struct BiasedCells {
+    float vrsi, vrsi_std;
+    float vrse, vrse_std;
+};
+
+void read_adc_channels(BiasedCells& biased) {
+    const unsigned char* cfg = sys_data.data_cfg;
+    if (cfg[CFG_I_SUBSTRATE]) {
+        sampl.fIb = read_channel(2, 1, 6, sys_data.Ib_trials, sys_data.Ib_sps);
+        wdog_pet();
+        diag("\r\nIb Substrate = %5u,   %5u");
+    }
+    if (cfg[CFG_I_COUNTER]) {
+        float v = read_channel(1, 1, 5, sys_data.Ik_trials, sys_data.Ik_sps);
+        // The offset is an unsigned count subtracted from volts; its default is 0.
+        sampl.fIk = static_cast<float>((v - static_cast<float>(sys_data.offset_Ik)) * ik_amps_per_volt);
+        sampl.fIk_std = static_cast<float>(sys_samp.AD24_std * ik_amps_per_volt);
+        wdog_pet();
+        diag("\r\nIk Cntr E    = %5u,   %5u");
+    }
+    if (cfg[CFG_V_COUNTER_ELECT]) {
+        sampl.fVk = read_channel(1, 1, 6, sys_data.Vk_trials, sys_data.Vk_sps);
+        sampl.fVk_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVk Cntr E    = %5u,   %5u");
+    }
+    if (cfg[CFG_V_THERMISTOR]) {
+        // The thermistor is not behind the multiplexer.
+        sampl.fVtherm = pollADS1248_iso(0, 6, (int)sys_data.Vtherm_trials, 1, (int)sys_data.Vtherm_sps);
+        sampl.fVtherm_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVtherm       = %5u,   %5u");
+    }
+    if (cfg[CFG_VRSI_BIASED]) {
+        biased.vrsi = read_channel(3, 1, 5, sys_data.Vrsi_trials, sys_data.Vrsi_sps);
+        biased.vrsi_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVrsi_B       = %5u,   %5u");
+    }
+    if (cfg[CFG_VRSI]) {
+        sampl.fVrsi = read_channel(3, 1, 6, sys_data.Vrsi_trials, sys_data.Vrsi_sps);
+        sampl.fVrsi_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVrsi         = %5u,   %5u");
+    }
+    if (cfg[CFG_VRSE_BIASED]) {
+        biased.vrse = read_channel(0, 1, 5, sys_data.Vrse_trials, sys_data.Vrse_sps);
+        biased.vrse_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVrse_B       = %5u,   %5u");
+    }
+    if (cfg[CFG_VRSE]) {
+        sampl.fVrse = 0.0f;
+        sampl.fVrse = read_channel(0, 1, 6, sys_data.Vrse_trials, sys_data.Vrse_sps);
+        sampl.fVrse_std = sys_samp.AD24_std;
+        wdog_pet();
+        diag("\r\nVrse         = %5u,   %5u");
+    }
+}
+
+void compute_results() {
+    const unsigned char* cfg = sys_data.data_cfg;
+    if (cfg[CFG_CALC_TEMP]) {
+        sampl.fTempC = DuraFET_temp(sampl.fVtherm, sys_data.TCOffset);
+        diag("\r\nCalc TempC   = %5u,   %5u");
+    }
+    if (cfg[CFG_CALC_PH_VRSE]) {
+        // Without a CTD the configured salinity stands; with one, the last salinity it reported,
+        // which is stale when its latest pass failed.
+        float salinity = cfg[CFG_UART4_INST] == uart4_no_ctd ? sys_data.default_sal : sys_samp.sensor_sal;
+        sampl.pHext = calc_pHext(sampl.fVrse, sampl.fTempC, salinity);
+        diag("\r\nCalc pH Ext  = %5u,   %5u");
+    }
+    if (cfg[CFG_CALC_PH_VRSI]) {
+        sampl.pHint = calc_pHint(sampl.fVrsi, sampl.fTempC);
+        diag("\r\nCalc pH Int  = %5u,   %5u");
+    }
+}
+
+// The live line: the "last sample" columns with the biased cells inserted before the counter
+// electrode, then the instrument and pump texts.
+void format_live_line(const BiasedCells& biased) {
+    const unsigned char* cfg = sys_data.data_cfg;
+    prn_pos = 0;
+    prnBuf[0] = '\0';
+    if (cfg[CFG_SAMPLE_NUM]) {
+        prn_append("#%07u\t", (unsigned)sampl.sampNum);
+    }
+    if (cfg[CFG_TIMESTAMP]) {
+        prn_append("%s\t", time_text);
+    }
+    if (cfg[CFG_VIN_BAT_VOLT]) {
+        prn_append("%8.2f\t", (double)sampl.fVbat_main);
+    }
+    if (cfg[CFG_BIAS_BAT_POS]) {
+        prn_append("%8.2f\t", (double)fBiasPos);
+    }
+    if (cfg[CFG_BIAS_BAT_NEG]) {
+        prn_append("%8.2f\t", (double)fBiasNeg);
+    }
+    if (cfg[CFG_BRD_TEMP]) {
+        prn_append("%8.2f\t", (double)sampl.fBrdTempC);
+    }
+    if (cfg[CFG_BRD_HUMIDITY]) {
+        prn_append("%8u\t", (unsigned)sampl.uiHumidity);
+    }
+    if (cfg[CFG_V_THERMISTOR]) {
+        prn_append("%8.6f\t", (double)sampl.fVtherm);
+    }
+    if (cfg[CFG_V_THERMISTOR_STD]) {
+        prn_append("%8.6f\t", (double)sampl.fVtherm_std);
+    }
+    if (cfg[CFG_CALC_TEMP]) {
+        prn_append("%8.3f\t", (double)sampl.fTempC);
+    }
+    if (cfg[CFG_VRSI]) {
+        prn_append("%8.6f\t", (double)sampl.fVrsi);
+    }
+    if (cfg[CFG_VRSI_STD]) {
+        prn_append("%8.6f\t", (double)sampl.fVrsi_std);
+    }
+    if (cfg[CFG_CALC_PH_VRSI]) {
+        prn_append("%8.3f\t", (double)sampl.pHint);
+    }
+    if (cfg[CFG_VRSE]) {
+        prn_append("%8.6f\t", (double)sampl.fVrse);
+    }
+    if (cfg[CFG_VRSE_STD]) {
+        prn_append("%8.6f\t", (double)sampl.fVrse_std);
+    }
+    if (cfg[CFG_CALC_PH_VRSE]) {
+        prn_append("%8.3f\t", (double)sampl.pHext);
+    }
+    if (cfg[CFG_VRSI_BIASED]) {
+        prn_append("%8.6f\t", (double)biased.vrsi);
+    }
+    if (cfg[CFG_VRSI_BIASED_STD]) {
+        prn_append("%8.6f\t", (double)biased.vrsi_std);
+    }
+    if (cfg[CFG_VRSE_BIASED]) {
+        prn_append("%8.6f\t", (double)biased.vrse);
+    }
+    if (cfg[CFG_VRSE_BIASED_STD]) {
+        prn_append("%8.6f\t", (double)biased.vrse_std);
+    }
+    if (cfg[CFG_V_COUNTER_ELECT]) {
+        prn_append("%8.6f\t", (double)sampl.fVk);
+    }
+    if (cfg[CFG_V_COUNTER_ELECT_STD]) {
+        prn_append("%8.6f\t", (double)sampl.fVk_std);
+    }
+    if (cfg[CFG_I_COUNTER]) {
+        prn_append("%8.2f\t", (double)sampl.fIk);
+    }
+    if (cfg[CFG_I_SUBSTRATE]) {
+        prn_append("%8.3f\t", (double)sampl.fIb);
+    }
+    if (uart3_in_use()) {
+        prn_append("%s\t", uart3_prn_buf);
+    }
+    if (uart4_in_use()) {
+        prn_append("%s\t", uart4_prn_buf);
+    }
+    if (sys_data.pump_seq_type == 2) {
+        prn_append("%s\t", pumpBuf);
+    }
+    diag("\r\nformat data  = %5u,   %5u\r\n");
+    if (sys_data.app_cfg[APPCFG_SAMPLING_DIAG] == 1) {
+        prn_append("(%u msec)\t", (unsigned)Timer_1ms(0));
+    }
+}
+
+// The final tab becomes the line end. A line with no column at all is just the line end.
+void terminate_line() {
+    if (prn_pos > sizeof prnBuf - 2) {
+        prn_pos = sizeof prnBuf - 2;
+    }
+    if (prn_pos == 0) {
+        prn_pos = 1;
+    }
+    prnBuf[prn_pos - 1] = '\r';
+    prnBuf[prn_pos] = '\n';
+    prnBuf[prn_pos + 1] = '\0';
+    prn_pos++;
+}
+
+// Open, seek to the end, write, close: the data file is never held open, so a power loss costs at
+// most this line. A file that would not open or seek is left alone; the sample still counts.
+void append_line_to_data_file() {
+    char name[sizeof sys_data.fileName + 1];
+    memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
+    name[sizeof sys_data.fileName] = '\0';
+    static FIL fil;
+    FRESULT fr = f_open(&fil, name, append_mode);
+    if (fr != FR_OK) {
+        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
+        error_store("f_open error");
+        return;
+    }
+    fr = f_lseek(&fil, f_size(&fil));
+    if (fr != FR_OK) {
+        uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
+    } else {
+        UINT written = 0;
+        fr = f_write(&fil, prnBuf, static_cast<UINT>(prn_pos), &written);
+        if (fr != FR_OK) {
+            uprintf("f_write error: %s\r\n", StringFromFresult(fr));
+        }
+    }
+    fr = f_close(&fil);
+    if (fr != FR_OK) {
+        uprintf("f_close error: %s\r\n", StringFromFresult(fr));
+        error_store("f_close error");
+    }
+}
+
+} // namespace
+
+void get_sample(uint32_t printFlg, uint32_t writeFlg) {
+    const unsigned char* cfg = sys_data.data_cfg;
+    Timer_1ms(1);
+    diag_mark = 0;
+    if (sys_data.test_mode == 1) {
+        uprintf("\r\nSampling...");
+    }
+    wdog_pet();
+    stamp_time();
+
+    openADS1248_iso();
+    wait_ms(100);
+    wdog_pet();
+    ADS1248_gpio_init();
+    pwr_env_mon_on();
+    diag("\r\nPwr on, init = %5u,   %5u");
+    uint32_t power_on_ms = Timer_1ms(0);
+
+    // The instruments run between the ADC readings: the CTD's wake and reply take about a second.
+    InstrumentStates st{0, 0};
+    if (uart3_in_use()) {
+        st.uart3 = uart3_stateMachine(1);
+        diag("\r\nUart3 St8Ma = %5u,   %5u");
+    }
+    if (uart4_in_use()) {
+        st.uart4 = uart4_stateMachine(1);
+        diag("\r\nCTD    St8Ma = %5u,   %5u");
+    }
+
+    // Bias readings come first: selecting a multiplexer position clears the bias selector.
+    if (cfg[CFG_BIAS_BAT_NEG]) {
+        fBiasNeg = 0.0f;
+        sampl.fBiasNeg = read_bias_side(0);
+        fBiasNeg = sampl.fBiasNeg;
+        wdog_pet();
+        step_instruments(st);
+    }
+    if (cfg[CFG_BIAS_BAT_POS]) {
+        fBiasPos = 0.0f;
+        sampl.fBiasPos = read_bias_side(1);
+        fBiasPos = sampl.fBiasPos;
+        wdog_pet();
+        step_instruments(st);
+    }
+    if (cfg[CFG_BIAS_BAT_NEG] || cfg[CFG_BIAS_BAT_POS]) {
+        diag_if_slow("\r\nBias Bat     = %5u,   %5u");
+    }
+
+    // Each driver ends by its own time-outs.
+    while (st.uart3 != 0) {
+        st.uart3 = uart3_stateMachine(st.uart3);
+    }
+    diag("\r\nUart3 Inst   = %5u,   %5u");
+    wdog_pet();
+    while (st.uart4 != 0) {
+        st.uart4 = uart4_stateMachine(st.uart4);
+    }
+    diag("\r\nUart4 Inst   = %5u,   %5u");
+
+    BiasedCells biased{};
+    read_adc_channels(biased);
+
+    wdog_pet();
+    while (Timer_1ms(0) - power_on_ms < sensor_settle_ms) {
+        wait_ms(settle_step_ms);
+    }
+
+    wdog_pet();
+    ina260_system_voltageCurrent(&sampl.fVbat_main, &sampl.fsysAmp);
+    if (cfg[CFG_BRD_TEMP]) {
+        sampl.fBrdTempC = bme280_get_fTemperature();
+    }
+    if (cfg[CFG_BRD_HUMIDITY]) {
+        sampl.uiHumidity = bme280_get_uiHumidity();
+    }
+    wdog_pet();
+    diag("\r\nOnchip ADC   = %5u,   %5u");
+
+    pwr_vbat_mon_off();
+    pwr_env_mon_off();
+    closeADS1248_iso();
+
+    compute_results();
+    sampl.sampNum = sys_samp.current_sample;
+    format_live_line(biased);
+    terminate_line();
+
+    if (printFlg == 1) {
+        UARTwrite(prnBuf, static_cast<uint32_t>(prn_pos));
+    }
+    if (sys_data.app_cfg[APPCFG_MICROSD_ENABLE] == 1 && writeFlg == 1) {
+        append_line_to_data_file();
+        diag("\r\nuSD writes   = %5u,   %5u");
+    }
+    wait_consoleTx();
+    diag("\r\nwait TX      = %5u,   %5u");
     sys_samp.current_sample++;
+    led_red_off();
 }
 
-// Replaced by the pump sequencer with the measurement work.
-void pump_and_sample(uint32_t print, uint32_t write) {
-    get_sample(print, write);
+int pump_and_sample(uint32_t printFlg, uint32_t writeFlg) {
+    get_sample(printFlg, writeFlg);
+    return 0;
 }
 
-// Replaced by the pump sequencer with the measurement work.
-void pump_and_sample_start(void) {}
+void pump_and_sample_start(void) {
+    sys_samp.pump_seq_state = 1;
+}
 
-// Replaced by the pump sequencer with the measurement work.
-void pump_var_init(void) {}
+void pump_stateMachine_init(void) {
+    sys_samp.pump_seq_state = 0;
+}
 
-// Continuous output comes with the measurement work; until then it ends at once, as a left loop
-// does.
+int pump_stateMachine(uint32_t state) {
+    (void)state;
+    return 0;
+}
+
+void pump_var_init(void) {
+    snprintf(pumpBuf, sizeof pumpBuf, "PumpSeq=%02d\t", (int)sys_data.pump_seq_type);
+}
+
+// Port 3 has no instrument driver in this build (optode 1, radiometer 2, Brisa 3, pico-pH 4): every
+// code finishes at once and leaves uart3_prn_buf as it stands.
+int uart3_stateMachine(int state) {
+    (void)state;
+    return 0;
+}
+
+int uart4_stateMachine(int state) {
+    switch (sys_data.data_cfg[CFG_UART4_INST]) {
+    case CTD_TYPE_SBE37:
+        return ctd_sbe37_stateMachine(state);
+    case CTD_TYPE_AAND5860:
+        return ctd_aand5860_stateMachine(state);
+    default:
+        return 0;
+    }
+}
+
+void read_bias_bat(void) {
+    pwr_iso_on();
+    openADS1248_iso();
+    wait_ms(100);
+    ADS1248_gpio_init();
+    // The first conversion after switching the selector is thrown away: the divider needs to settle.
+    ADS1248_gpio3(0);
+    wait_ms(10);
+    pollADS1248_iso(7, 6, 5, 1, 20);
+    wait_ms(100);
+    float negative = pollADS1248_iso(7, 6, 5, 1, 20);
+    ADS1248_gpio3(1);
+    wait_ms(10);
+    pollADS1248_iso(7, 6, 5, 1, 20);
+    wait_ms(100);
+    float positive = pollADS1248_iso(7, 6, 5, 1, 20);
+    fBiasPos = 2.0f * positive;
+    fBiasNeg = 2.0f * negative;
+    closeADS1248_iso();
+    pwr_iso_off();
+}
+
+void get_groundfault(void) {
+    ADS1248_gpio_ADG1609_mux(0);
+    wait_ms(10);
+    pollADS1248_iso(0, 4, 10, 1, 20);
+}
+
+// Continuous output: sample until a console byte arrives, then let the command interpreter have it;
+// a command that ends the deployment ends the loop.
 void databarf_loop(void) {
+    for (;;) {
+        while (!UARTrdy()) {
+            get_sample(1, 1);
+        }
+        if (exec_command(5) == 0) {
+            break;
+        }
+    }
     sys_samp.state = 0;
 }
+
+void sendlast_takesample(void) {
+    if (sys_data.app_cfg[APPCFG_MICROSD_ENABLE] == 0) {
+        uprintf("void sendlast_takesample(void) is not supported with microSD disabled\r\n");
+        return;
+    }
+    uprintf("VESK TODO:  Sendlast_takesample is not done yet\r\n");
+    static FIL fil;
+    FRESULT fr = f_open(&fil, "snapshot.txt", FA_READ);
+    if (fr != FR_OK) {
+        get_sample(0, 1);
+        fr = f_open(&fil, "snapshot.txt", FA_READ);
+        if (fr != FR_OK) {
+            uprintf("f_open error snapshot.txt: %s\r\n", StringFromFresult(fr));
+            error_store("f_open error on snapshot.txt");
+            return;
+        }
+    }
+    char text[240];
+    UINT got = 0;
+    fr = f_read(&fil, text, sizeof text - 1, &got);
+    if (fr != FR_OK) {
+        uprintf("f_read error snapshot.txt\r\n");
+    } else if (got < 5) {
+        uprintf("bad read size (less than 5)\r\n");
+    } else {
+        UARTwrite(text, got);
+    }
+    fr = f_close(&fil);
+    if (fr != FR_OK) {
+        uprintf("f_close error snapshot.txt: %s\r\n", StringFromFresult(fr));
+        error_store("f_close error");
+    }
+    get_sample(0, 1);
+}
+
+// ---------------------------------------------------------------- the "last sample" line
 
 // The columns come in their fixed order, which is not the order of the switches.
 void print_sampl(void) {

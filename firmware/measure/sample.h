@@ -59,18 +59,49 @@ static_assert(offsetof(sampData, spare3) == 92);
 static_assert(sizeof(sampData) == 96);
 
 inline constexpr uint32_t PRNBUF_SIZE = 1540;
+inline constexpr uint32_t UART3_PRN_BUF_SIZE = 64;
+inline constexpr uint32_t PUMPBUF_SIZE = 36;
 
 extern sampData sampl;
 extern char prnBuf[PRNBUF_SIZE];
+// The port-3 instrument's text for the sample line, left there by its driver.
+extern char uart3_prn_buf[UART3_PRN_BUF_SIZE];
+// The pump column of the sample line, "PumpSeq=NN\t", filled once at start-up.
+extern char pumpBuf[PUMPBUF_SIZE];
+// The last bias-battery readings, volts (the ADC reading doubled).
+extern float fBiasNeg;
+extern float fBiasPos;
 // Continuous output: on/off and the interval between samples, seconds.
 extern uint32_t databarFlg;
 extern uint32_t barfSampleTime;
 
-void get_sample(uint32_t print, uint32_t write);
-void pump_and_sample(uint32_t print, uint32_t write);
+// One complete measurement: the line goes to the console when printFlg is 1 and to the data file
+// when writeFlg is 1 and card logging is on. The counter advances; the caller stores sys_samp.
+void get_sample(uint32_t printFlg, uint32_t writeFlg);
+// The pumped sample. This build has no pump sequence of its own: a plain sample; returns 0.
+int pump_and_sample(uint32_t printFlg, uint32_t writeFlg);
+// Arms the pump sequence at deployment start (pump_seq_state = 1).
 void pump_and_sample_start(void);
+// Resets the pump sequence (pump_seq_state = 0).
+void pump_stateMachine_init(void);
+// The pump sequence step: nothing to do in this build; returns 0.
+int pump_stateMachine(uint32_t state);
+// Fills pumpBuf from sys_data.pump_seq_type.
 void pump_var_init(void);
+// Continuous sampling until a console command ends it; leaves sys_samp.state IDLE.
 void databarf_loop(void);
+// Sends the snapshot file's text, then takes a new sample.
+void sendlast_takesample(void);
+// A stand-alone reading of both bias batteries into fBiasNeg and fBiasPos.
+void read_bias_bat(void);
+// A ground-fault reading of the isolated side (multiplexer position 0, inputs 0 and 4); not kept.
+void get_groundfault(void);
+
+// The instrument state machines of ports 3 and 4, by the instrument code in data_cfg: called with 1
+// to start, then with what they last returned, until they return 0.
+int uart3_stateMachine(int state);
+int uart4_stateMachine(int state);
+
 // Formats sampl into prnBuf as one tab-separated line (no output).
 void print_sampl(void);
 // The FRAM copy of the last sample, formatted and sent as it stands (no line end).

@@ -136,10 +136,15 @@ void devices_power_on() {
     dev::fram_map();
     dev::eeprom_power_on();
     dev::gpio_reset();
+    dev::bme280_attach();
+    dev::ina260_attach();
+    dev::pcal6416_attach();
     dev::i2c_reset();
     dev::sdcard_attach();
+    dev::ads1248_attach();
     dev::ssi_reset();
     dev::uart_reset();
+    dev::sbe37_power_on();
 }
 
 void devices_power_off() {
@@ -148,12 +153,15 @@ void devices_power_off() {
 }
 
 uint64_t devices_next_event_ns() {
-    return std::min(dev::uart_next_event_ns(), dev::ssi_next_event_ns());
+    return std::min({dev::uart_next_event_ns(), dev::ssi_next_event_ns(), dev::ads1248_next_event_ns(),
+                     dev::sbe37_next_event_ns()});
 }
 
 void devices_service(uint64_t now_ns) {
     dev::uart_service(now_ns);
     dev::ssi_service(now_ns);
+    dev::ads1248_service(now_ns);
+    dev::sbe37_service(now_ns);
 }
 
 } // namespace sim

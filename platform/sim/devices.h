@@ -88,6 +88,29 @@ void ssi_service(uint64_t now_ns);
 // Hangs the card on SSI0 (select PA3) the first time; called before the SSI modules reset.
 void sdcard_attach();
 
+// ---------------------------------------------------------------- ADS1248 (ads1248.cpp)
+// Hangs the converter on SSI3 (select PD1) the first time; its conversions are timed events.
+void ads1248_attach();
+uint64_t ads1248_next_event_ns();
+void ads1248_service(uint64_t now_ns);
+
+// ---------------------------------------------------------------- board sensors on I2C0
+// Hang the BME280 (0x76), the INA260 (0x40) and the PCAL6416 (0x20) on I2C0 the first time;
+// called before the I2C bus resets.
+void bme280_attach();
+void ina260_attach();
+void pcal6416_attach();
+// The levels on the expander's 16 pins (port 1 in the high byte), for tests.
+uint16_t pcal6416_pin_levels();
+
+// ---------------------------------------------------------------- SBE37 CTD on UART4 (sbe37.cpp)
+// Back to asleep with nothing to send (every power-on period); what it answers follows `port4`.
+void sbe37_power_on();
+uint64_t sbe37_next_event_ns();
+void sbe37_service(uint64_t now_ns);
+// A byte the board sent on an instrument port (UART1 to UART7) reaches what hangs on that port.
+void instrument_tx(int port, uint8_t byte);
+
 // ---------------------------------------------------------------- serial flash (flash.cpp)
 SpiDevice& flash_device(int chip);
 

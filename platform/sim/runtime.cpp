@@ -4,6 +4,8 @@
 // meets it while the firmware runs.
 #include "runtime.h"
 
+#include "devices.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -48,6 +50,7 @@ const char* wake_name(WakeSource w) {
 
 void console_tx(int port, uint8_t b) {
     if (port != 0) {
+        dev::instrument_tx(port, b);
         return;
     }
     script::console_output(shared().script, b);

@@ -1,0 +1,84 @@
+// Common layer of the CTD drivers: port 4 set up for the instrument, the shared driver record and the
+// port-4 text.
+#include "instruments/ctd_base.h"
+
+#include <cstdio>
+
+#include "core/timebase.h"
+#include "driverlib/sysctl.h"
+#include "ports/uarts.h"
+
+namespace {
+
+constexpr uint32_t ctd_baud = 9600;
+constexpr uint32_t ctd_uart_clock = 16000000;
+// SysCtlDelay spends three cycles per count: 1667 counts are 100 us at 50 MHz.
+constexpr uint32_t idle_pause_counts = 1667;
+
+} // namespace
+
+ctdDriver ctd = {};
+char uart4_prn_buf[UART4_PRN_BUF_SIZE] = {};
+
+void ctd_init(void) {
+    uart4_init(ctd_baud, ctd_uart_clock);
+    uart4_echo_set(false);
+}
+
+void ctd_open(void) {
+    ctd.state = CTD_STATE_IDLE;
+    ctd.bufIndx = 0;
+    uart4_prn_buf[0] = '\0';
+}
+
+void ctd_close(void) {}
+
+uint8_t ctd_getc(void) {
+    int32_t c = uart4_getc();
+    return c < 0 ? 0 : static_cast<uint8_t>(c);
+}
+
+uint32_t ctd_rx_avail(void) {
+    return uart4_rx_avail();
+}
+
+void ctd_poll(void) {
+    uart4_service();
+}
+
+void ctd_idle(void) {
+    SysCtlDelay(idle_pause_counts);
+}
+
+void ctd_flushRx(void) {
+    uart4_flush_rx();
+}
+
+void ctd_flushTx(void) {
+    uart4_flush_tx();
+}
+
+void ctd_write(const char* text) {
+    uint32_t len = 0;
+    while (text[len] != '\0') {
+        len++;
+    }
+    uart4_write(text, len);
+}
+
+uint32_t ctd_rx_buf_size(void) {
+    return CTD_BUF_SIZE;
+}
+
+uint32_t ctd_tx_buf_size(void) {
+    return CTD_BUF_SIZE;
+}
+
+void ctd_set_text(const char* text) {
+    snprintf(uart4_prn_buf, sizeof uart4_prn_buf, "%s", text);
+}
+
+uint32_t ctd_ticks_since(uint32_t since) {
+    ctd.new_tick10ms = Timer_10ms(0);
+    return ctd.new_tick10ms - since;
+}

@@ -1,0 +1,64 @@
+// The CTD on serial port 4: the driver record both CTD drivers share, the port-4 text that the sample
+// line carries, and the common port operations the drivers are built on.
+#pragma once
+
+#include <cstdint>
+
+// CTD type codes, as in sys_data.data_cfg[CFG_UART4_INST].
+constexpr uint32_t CTD_TYPE_NONE = 0;
+constexpr uint32_t CTD_TYPE_SBE37 = 6;
+constexpr uint32_t CTD_TYPE_AAND5860 = 7;
+
+// States of a driver pass.
+constexpr int CTD_STATE_IDLE = 0;
+constexpr int CTD_STATE_START = 1;
+constexpr int CTD_STATE_WAKE_WAIT = 2;
+constexpr int CTD_STATE_RECEIVE = 3;
+constexpr int CTD_STATE_FAILED = -1;
+
+struct ctdDriver {
+    int state;
+    unsigned int old_tick10ms; // 10 ms tick at the start of the current wait
+    unsigned int new_tick10ms; // 10 ms tick at the latest check
+    unsigned int type;         // CTD type in service; 0 when none or the pass failed
+    float condo;
+    float salt; // PSU
+    float tempC;
+    float pressure;
+    float depth;
+    unsigned int bufIndx; // next write position in uart4_prn_buf
+};
+
+extern ctdDriver ctd;
+
+// The reply window of port 4 is 16 characters (ctd_rx_buf_size); the text buffer behind it is larger
+// so that the drivers' failure messages, which stand in the sample line in place of CTD data, fit
+// whole with their terminating zero.
+constexpr uint32_t CTD_BUF_SIZE = 16;
+constexpr uint32_t UART4_PRN_BUF_SIZE = 96;
+extern char uart4_prn_buf[UART4_PRN_BUF_SIZE];
+
+// Serial port 4 at 9600 baud from the 16 MHz internal oscillator, echo off.
+void ctd_init(void);
+// Starts a pass: state idle, the text empty.
+void ctd_open(void);
+void ctd_close(void);
+// The next received byte of port 4 (0 when none waits; check ctd_rx_avail first).
+uint8_t ctd_getc(void);
+uint32_t ctd_rx_avail(void);
+// Takes what port 4 received so far into its ring (a wait step that reads nothing still polls).
+void ctd_poll(void);
+// The pause of a step that found nothing to do: about 100 us, well under one character time at
+// 9600 baud, so no byte waits for it, while a caller that steps back to back does not spin millions
+// of times through a multi-second wait.
+void ctd_idle(void);
+void ctd_flushRx(void);
+// Waits until port 4 has sent everything queued.
+void ctd_flushTx(void);
+void ctd_write(const char* text);
+uint32_t ctd_rx_buf_size(void);
+uint32_t ctd_tx_buf_size(void);
+// Replaces the port-4 text (bounded by its buffer).
+void ctd_set_text(const char* text);
+// 10 ms ticks since `since` (wraps with the counter).
+uint32_t ctd_ticks_since(uint32_t since);

@@ -1,0 +1,203 @@
+// The SBE37 MicroCAT on port 4.
+//
+// A pass: the port is opened, the instrument gets 900 ms before the carriage return that wakes it,
+// then "ts" asks for one sample. Its reply line is collected with commas turned into tabs and ends
+// at a line feed or "<". The instrument takes a few seconds per sample; 3.5 s after the command
+// without an end of line, or a reply that fills the 16-character window, ends the pass with a
+// message in place of the data. Each step returns at once, so the ADC readings go on meanwhile.
+#include "instruments/ctd_sbe37.h"
+
+#include <cstdio>
+
+#include "core/system.h"
+#include "core/timebase.h"
+#include "instruments/ctd_base.h"
+#include "ports/uartstdio.h"
+
+namespace {
+
+constexpr uint32_t wake_delay_ticks = 90;     // 900 ms from opening the port to the wake CR
+constexpr uint32_t reply_timeout_ticks = 350; // 3.5 s from the command to the end of the reply
+constexpr uint32_t command_gap_ms = 20;
+constexpr uint32_t open_settle_ms = 1;
+constexpr uint8_t ctrl_x = 0x18;
+
+constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf size, ctd";
+constexpr char silent_text[] =
+    "CTD not responding with SBE37 data, check connection, make sure data config is SBE37";
+static_assert(sizeof silent_text <= UART4_PRN_BUF_SIZE);
+static_assert(sizeof too_long_text <= UART4_PRN_BUF_SIZE);
+
+int start_pass(void) {
+    ctd_init();
+    ctd_open();
+    delay_msec(open_settle_ms);
+    ctd_flushRx();
+    ctd_flushTx();
+    ctd.old_tick10ms = Timer_10ms(0);
+    unsigned inst = sys_data.data_cfg[CFG_UART4_INST];
+    if (inst != CTD_TYPE_SBE37) {
+        ctd.type = CTD_TYPE_NONE;
+        uprintf("Error: sys_data.data_cfg[CFG_UART4_INST] = %u, no driver for this CTD type, Config -> Data "
+                "Fields\r\n",
+                inst);
+        ctd.state = CTD_STATE_IDLE;
+        return CTD_STATE_IDLE;
+    }
+    ctd.type = CTD_TYPE_SBE37;
+    ctd.state = CTD_STATE_WAKE_WAIT;
+    return CTD_STATE_WAKE_WAIT;
+}
+
+int wake_and_ask(void) {
+    ctd_poll();
+    if (ctd_ticks_since(ctd.old_tick10ms) < wake_delay_ticks) {
+        ctd_idle();
+        return CTD_STATE_WAKE_WAIT;
+    }
+    ctd_write("\r");
+    delay_msec(command_gap_ms);
+    ctd_write("ts\r");
+    delay_msec(command_gap_ms);
+    ctd_flushRx(); // the wake prompt and the command's echo
+    ctd.old_tick10ms = Timer_10ms(0);
+    ctd.state = CTD_STATE_RECEIVE;
+    return CTD_STATE_RECEIVE;
+}
+
+int fail(const char* text) {
+    ctd_set_text(text);
+    ctd_close();
+    ctd.type = CTD_TYPE_NONE;
+    ctd.state = CTD_STATE_FAILED;
+    return CTD_STATE_IDLE;
+}
+
+int receive(void) {
+    bool got = ctd_rx_avail() > 0;
+    if (got) {
+        uint8_t c = ctd_getc();
+        if (c == '<' || c == '\n') {
+            ctd_close();
+            ctd_sbe37_parseData();
+            UARTFlushTx(false);
+            ctd.state = CTD_STATE_IDLE;
+            return CTD_STATE_IDLE;
+        }
+        if (c == ',') {
+            c = '\t';
+        } else if (c == '\r') {
+            c = '\0';
+        }
+        uart4_prn_buf[ctd.bufIndx] = static_cast<char>(c);
+        ctd.bufIndx++;
+        uart4_prn_buf[ctd.bufIndx] = '\0'; // within the text buffer: the window is smaller
+        if (ctd.bufIndx >= ctd_rx_buf_size()) {
+            ctd.bufIndx = ctd_rx_buf_size() - 1;
+            if (sys_data.diag != 0) {
+                uprintf("\r\nST7: error in ctd driver bufIndx exceeds buf size, ctd\r\n");
+            }
+            UARTFlushTx(false);
+            return fail(too_long_text);
+        }
+    }
+    if (ctd_ticks_since(ctd.old_tick10ms) >= reply_timeout_ticks) {
+        return fail(silent_text);
+    }
+    if (!got) {
+        ctd_idle();
+    }
+    return CTD_STATE_RECEIVE;
+}
+
+// Runs a pass to its end, stepping as fast as the sample cycle at most would.
+void run_pass(void) {
+    int state = ctd_sbe37_stateMachine(CTD_STATE_START);
+    while (state != CTD_STATE_IDLE) {
+        delay_msec(1);
+        state = ctd_sbe37_stateMachine(state);
+    }
+}
+
+} // namespace
+
+int ctd_sbe37_stateMachine(int state) {
+    ctd.state = state;
+    switch (state) {
+    case CTD_STATE_START:
+        return start_pass();
+    case CTD_STATE_WAKE_WAIT:
+        return wake_and_ask();
+    case CTD_STATE_RECEIVE:
+        return receive();
+    default:
+        return CTD_STATE_IDLE;
+    }
+}
+
+void ctd_sbe37_parseData(void) {
+    float temp = 0.0f;
+    float cond = 0.0f;
+    float sal = 0.0f;
+    char date[UART4_PRN_BUF_SIZE];
+    char time[UART4_PRN_BUF_SIZE];
+    int n = sscanf(uart4_prn_buf, "%f\t%f\t%f\t%95s\t%95s", &temp, &cond, &sal, date, time);
+    if (n != 5) {
+        uprintf("\r\nError:  sscanf for parsing MicroCat does not return 5 args.  ctd.state = %d.  TempC and "
+                "salt "
+                "are 0.0\r\n",
+                ctd.state);
+        temp = 0.0f;
+        sal = 0.0f;
+    }
+    ctd.salt = sal;
+    ctd.tempC = temp;
+    sys_samp.sensor_sal = sal;
+}
+
+void ctd_sbe37_poll(void) {
+    run_pass();
+    uprintf("\r\n%s\r\n", uart4_prn_buf);
+}
+
+void ctd_sbe37_comm_test(void) {
+    uprintf("TX: ts cr \r\n");
+    run_pass();
+    if (ctd.state == CTD_STATE_FAILED) {
+        uprintf("RX: %s\r\n", uart4_prn_buf);
+        return;
+    }
+    uprintf("RX: %s\r\nTempC = %8.4f  Sal = %8.4f\r\n", uart4_prn_buf, static_cast<double>(ctd.tempC),
+            static_cast<double>(ctd.salt));
+}
+
+void ctd_sbe37_serial_analyzer(void) {
+    ctd_init();
+    ctd_open();
+    uprintf("* Type ts<Enter> to take sample *\r\n");
+    uprintf("* Press CTRL-X to stop communicating with the SBE37 MicroCAT *\r\n");
+    for (;;) {
+        if (UARTrdy()) {
+            unsigned char c = getChar();
+            if (c == ctrl_x) {
+                break;
+            }
+            char out[2] = {static_cast<char>(c), '\0'};
+            ctd_write(out);
+        }
+        while (ctd_rx_avail() > 0) {
+            char in = static_cast<char>(ctd_getc());
+            UARTwrite(&in, 1);
+        }
+        delay_msec(1);
+    }
+    ctd_close();
+    UARTFlushTx(false);
+}
+
+uint32_t ctd_sbe37_qa_test(void) {
+    run_pass();
+    bool ok = ctd.state != CTD_STATE_FAILED && ctd.type == CTD_TYPE_SBE37 && ctd.salt != 0.0f;
+    uprintf("SBE37 %s: %s\r\n", ok ? "PASS" : "FAIL", uart4_prn_buf);
+    return ok ? 1u : 0u;
+}

@@ -1,0 +1,28 @@
+// Engineering values of a sample: the sensor temperature from the thermistor voltage, the pH from
+// the internal- and external-reference cell voltages, and the console dialogue that finds the
+// calibration offsets these use. Also whole-vector statistics for the spectrometer's arrays.
+#pragma once
+
+#include <cstdint>
+
+// Sensor temperature, degC, from the thermistor divider voltage, plus the temperature offset.
+float DuraFET_temp(float V_therm, float TCOffset);
+// pH from the internal-reference cell voltage Eint (V) at temperature TC (degC).
+float calc_pHint(float Eint, float TC);
+// Total-scale pH from the external-reference cell voltage Eext (V) at temperature TC (degC) and
+// practical salinity salt.
+float calc_pHext(float Eext, float TC, float salt);
+// Console dialogue: finds k0int, k0ext and TCOffset from a bath of known pH, temperature and
+// salinity and, when the operator accepts, writes them into sys_data (the caller stores it).
+void ph_calib(void);
+
+// Minimum and maximum of n values; both start at the first element, which is read even for n = 0.
+void FloatVectorMinMax(int n, const float* v, float* min, float* max);
+void ShortVectorMinMax(int n, const uint16_t* v, uint16_t* min, uint16_t* max);
+// Mean and sample (n - 1) standard deviation, two passes in single precision.
+void FloatVectorMeanStdDev(uint32_t n, const float* v, float* mean, float* sd);
+void ShortVectorMeanStdDev(uint32_t n, const uint16_t* v, float* mean, float* sd);
+
+float CtoF(float c);
+// Not implemented: always 65535, which callers accept.
+uint16_t fCrc16Bit(const uint8_t* data);
