@@ -19,8 +19,10 @@ TEST(PinmuxTest, EveryPinTakesItsFunctionIncludingTheLockedOnes) {
     EXPECT_TRUE(sim::dev::gpio_alternate(port_b, 0xFC)) << "I2C0 and the flash SSI";
     EXPECT_TRUE(sim::dev::gpio_alternate(port_c, 0xF0)) << "ports 3 and 4";
     EXPECT_FALSE(sim::dev::gpio_alternate(port_c, 0x0F)) << "JTAG pins are left alone";
-    EXPECT_TRUE(sim::dev::gpio_alternate(port_d, 0x3F));
-    EXPECT_TRUE(sim::dev::gpio_alternate(port_e, 0x33));
+    EXPECT_TRUE(sim::dev::gpio_alternate(port_d, 0x30)) << "UART6";
+    EXPECT_TRUE(sim::dev::gpio_driven_low(port_d, 0x0B)) << "ADC clock, select, transmit idle low";
+    EXPECT_TRUE(sim::dev::gpio_alternate(port_e, 0x30)) << "UART5";
+    EXPECT_TRUE(sim::dev::gpio_driven_low(port_e, 0x01)) << "isolated supply off";
 }
 
 } // namespace

@@ -51,17 +51,18 @@ TEST_F(GpioTest, PinsHandedToAPeripheralStopFollowingTheLatch) {
 }
 
 TEST_F(GpioTest, AnOutputWriteIsSeenByAnEdgeInterruptOnlyWhenArmed) {
-    GPIOPinTypeGPIOOutput(GPIO_PORTE_BASE, GPIO_PIN_1);
-    GPIOIntTypeSet(GPIO_PORTE_BASE, GPIO_PIN_1, GPIO_FALLING_EDGE);
-    GPIOPinWrite(GPIO_PORTE_BASE, GPIO_PIN_1, GPIO_PIN_1);
-    EXPECT_EQ(GPIOIntStatus(GPIO_PORTE_BASE, false), 0u); // a rising edge
-    GPIOPinWrite(GPIO_PORTE_BASE, GPIO_PIN_1, 0);
-    EXPECT_EQ(GPIOIntStatus(GPIO_PORTE_BASE, false), static_cast<uint32_t>(GPIO_INT_PIN_1));
-    EXPECT_EQ(GPIOIntStatus(GPIO_PORTE_BASE, true), 0u); // not enabled
-    GPIOIntEnable(GPIO_PORTE_BASE, GPIO_INT_PIN_1);
-    EXPECT_EQ(GPIOIntStatus(GPIO_PORTE_BASE, true), static_cast<uint32_t>(GPIO_INT_PIN_1));
-    GPIOIntClear(GPIO_PORTE_BASE, GPIO_INT_PIN_1);
-    EXPECT_EQ(GPIOIntStatus(GPIO_PORTE_BASE, false), 0u);
+    // PB0 has nothing outside driving it (PE1, used before, carries the ADC's data-ready line).
+    GPIOPinTypeGPIOOutput(GPIO_PORTB_BASE, GPIO_PIN_0);
+    GPIOIntTypeSet(GPIO_PORTB_BASE, GPIO_PIN_0, GPIO_FALLING_EDGE);
+    GPIOPinWrite(GPIO_PORTB_BASE, GPIO_PIN_0, GPIO_PIN_0);
+    EXPECT_EQ(GPIOIntStatus(GPIO_PORTB_BASE, false), 0u); // a rising edge
+    GPIOPinWrite(GPIO_PORTB_BASE, GPIO_PIN_0, 0);
+    EXPECT_EQ(GPIOIntStatus(GPIO_PORTB_BASE, false), static_cast<uint32_t>(GPIO_INT_PIN_0));
+    EXPECT_EQ(GPIOIntStatus(GPIO_PORTB_BASE, true), 0u); // not enabled
+    GPIOIntEnable(GPIO_PORTB_BASE, GPIO_INT_PIN_0);
+    EXPECT_EQ(GPIOIntStatus(GPIO_PORTB_BASE, true), static_cast<uint32_t>(GPIO_INT_PIN_0));
+    GPIOIntClear(GPIO_PORTB_BASE, GPIO_INT_PIN_0);
+    EXPECT_EQ(GPIOIntStatus(GPIO_PORTB_BASE, false), 0u);
 }
 
 // wdog_init's sequence: enable low, then high (arming starts the 60 s); the feed line idles low.

@@ -1,0 +1,162 @@
+// The SBE37 model on UART4: waking on a carriage return, echo, the "ts" reply after the sample time
+// built from the bath or given by the scenario, the silent, garbage and empty ports, and going back
+// to sleep.
+#include "runtime.h"
+#include "sim_test.h"
+
+#include "driverlib/uart.h"
+#include "inc/hw_memmap.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t config_8n1 = UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE;
+
+struct Rx {
+    uint64_t at_ns;
+    char c;
+};
+
+class Sbe37Model : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        sim::test::reset_board();
+        sim::test::set_scenario("port4", "sbe37");
+        UARTClockSourceSet(UART4_BASE, UART_CLOCK_PIOSC);
+        UARTConfigSetExpClk(UART4_BASE, 16000000, 9600, config_8n1);
+    }
+    static void send(const std::string& text) {
+        for (char c : text) {
+            UARTCharPut(UART4_BASE, static_cast<unsigned char>(c));
+        }
+    }
+    // What port 4 receives during the next `seconds`, with arrival times, read every millisecond.
+    static std::vector<Rx> listen(double seconds) {
+        std::vector<Rx> got;
+        uint64_t end = sim::now_ns() + static_cast<uint64_t>(seconds * sim::ns_per_s);
+        while (sim::now_ns() < end) {
+            sim::test::advance_s(0.001);
+            while (UARTCharsAvail(UART4_BASE)) {
+                got.push_back(Rx{sim::now_ns(), static_cast<char>(UARTCharGetNonBlocking(UART4_BASE))});
+            }
+        }
+        return got;
+    }
+    static std::string text(const std::vector<Rx>& rx) {
+        std::string s;
+        for (const Rx& r : rx) {
+            s.push_back(r.c);
+        }
+        return s;
+    }
+};
+
+TEST_F(Sbe37Model, WakesOnCarriageReturnOnlyAndEchoesWhileAwake) {
+    send("ts");
+    EXPECT_EQ(text(listen(0.1)), "");
+    send("\r");
+    EXPECT_EQ(text(listen(0.1)), "S>");
+    send("xy\r");
+    EXPECT_EQ(text(listen(0.1)), "xy\r\n?cmd S>");
+}
+
+TEST_F(Sbe37Model, SampleArrivesAfterTheSampleTimeAtTheBaudRate) {
+    sim::test::set_scenario("bath.temp", "12.5");
+    sim::test::set_scenario("bath.sal", "33.25");
+    send("\r");
+    listen(0.05);
+    send("ts\r");
+    uint64_t sent = sim::now_ns() + 3 * 10 * sim::ns_per_s / 9600; // the command's CR has left
+    std::vector<Rx> rx = listen(3.0);
+    std::string all = text(rx);
+    ASSERT_EQ(all.substr(0, 4), "ts\r\n");
+    std::string line = all.substr(4, all.find('\n', 4) - 4 + 1);
+    EXPECT_EQ(line, "12,4,33.25,0,0\r\n");
+    EXPECT_EQ(all.substr(4 + line.size()), "S>");
+    double first_ms = double(rx[4].at_ns - sent) / 1e6;
+    EXPECT_NEAR(first_ms, 2501.0, 2.0); // sample time, one character time, the 1 ms read grid
+    double per_char_ms = double(rx[4 + line.size() - 1].at_ns - rx[4].at_ns) / double(line.size() - 1) / 1e6;
+    EXPECT_NEAR(per_char_ms, 1.04, 0.1);
+}
+
+// The line always fits 14 characters and carries salinity to at least one decimal place, and its
+// conductivity rises with temperature and salinity as seawater's does.
+TEST_F(Sbe37Model, BathLineFitsTheReplyWindowAndTracksTheBath) {
+    send("\r");
+    listen(0.05);
+    double last_c = 0;
+    for (double temp : {-1.5, 2.0, 15.0, 28.0, 35.0}) {
+        for (double sal : {20.0, 33.4, 36.0, 40.0}) {
+            SCOPED_TRACE(std::to_string(temp) + " degC, S " + std::to_string(sal));
+            sim::test::set_scenario("bath.temp", std::to_string(temp));
+            sim::test::set_scenario("bath.sal", std::to_string(sal));
+            send("ts\r");
+            std::string all = text(listen(2.6));
+            std::string line = all.substr(4, all.find('\r', 4) - 4);
+            EXPECT_LE(line.size(), 14u) << line;
+            float t = 0, c = 0, s = 0;
+            ASSERT_EQ(std::sscanf(line.c_str(), "%f,%f,%f", &t, &c, &s), 3) << line;
+            EXPECT_NEAR(s, sal, 0.05);
+            EXPECT_NEAR(t, temp, 0.5);
+            if (sal == 20.0) {
+                EXPECT_GT(c, last_c - 0.5); // rounded to whole S/m at worst
+                last_c = c;
+            }
+            EXPECT_NEAR(c, sal / 35.0 * (2.9 + 0.09 * temp), 0.9);
+        }
+    }
+}
+
+TEST_F(Sbe37Model, ScenarioReplyIsSentExactly) {
+    sim::test::set_scenario("port4.reply", "1,2,3,x,y<junk");
+    send("\r");
+    listen(0.05);
+    send("TS\r");
+    EXPECT_EQ(text(listen(2.6)), "TS\r\n1,2,3,x,y<junk\r\nS>");
+}
+
+TEST_F(Sbe37Model, SilentGarbageAndEmptyPorts) {
+    sim::test::set_scenario("port4", "sbe37-silent");
+    send("\rts\r");
+    EXPECT_EQ(text(listen(3.0)), "");
+
+    sim::test::set_scenario("port4", "none");
+    send("\rts\r");
+    EXPECT_EQ(text(listen(3.0)), "");
+
+    sim::test::set_scenario("port4", "sbe37-garbage");
+    send("\r");
+    listen(0.05);
+    send("ts\r");
+    std::string all = text(listen(3.0));
+    ASSERT_GE(all.size(), 4u + 16u);
+    std::string noise = all.substr(4);
+    EXPECT_EQ(noise.find('\n'), std::string::npos);
+    EXPECT_EQ(noise.find('<'), std::string::npos);
+}
+
+TEST_F(Sbe37Model, SleepsAfterTwoMinutesWithoutACommand) {
+    send("\r");
+    listen(0.05);
+    sim::test::advance_s(121);
+    send("ts\r"); // asleep: "ts" is ignored, the CR only wakes it
+    EXPECT_EQ(text(listen(3.0)), "S>");
+}
+
+TEST_F(Sbe37Model, PowerOnPutsItToSleepWithNothingPending) {
+    send("\r");
+    listen(0.05);
+    send("ts\r");
+    listen(0.5);
+    sim::test::power_on(sim::WakeSource::power);
+    UARTClockSourceSet(UART4_BASE, UART_CLOCK_PIOSC);
+    UARTConfigSetExpClk(UART4_BASE, 16000000, 9600, config_8n1);
+    EXPECT_EQ(text(listen(3.0)), "");
+}
+
+} // namespace
