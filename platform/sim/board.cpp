@@ -268,6 +268,13 @@ std::string scenario_template() {
 
 # The next N hibernation requests fail to cut the power (the firmware's recovery path runs).
 # hibernate.fail = 0
+
+# The load current the INA260 reports (A); the housing sensor's chip id (96 = 0x60, a BME280;
+# another value is a different chip, 0 none fitted); 0 for an INA260 or PCAL6416 not fitted.
+# board.amps = 0.05
+# board.bme280.id = 96
+# board.ina260 = 1
+# board.pcal6416 = 1
 )";
 }
 
