@@ -268,26 +268,18 @@ void compute_results() {
     }
 }
 
-// The live line: the "last sample" columns with the biased cells inserted before the counter
-// electrode, then the instrument and pump texts.
-void format_live_line(const BiasedCells& biased) {
+// Columns 3 to 16 (battery to external-reference pH), common to the live line and the last-sample
+// reply; the live line passes the bias readings of this cycle, the reply those kept in the record.
+void append_battery_to_phext(float bias_pos, float bias_neg) {
     const unsigned char* cfg = sys_data.data_cfg;
-    prn_pos = 0;
-    prnBuf[0] = '\0';
-    if (cfg[CFG_SAMPLE_NUM]) {
-        prn_append("#%07u\t", (unsigned)sampl.sampNum);
-    }
-    if (cfg[CFG_TIMESTAMP]) {
-        prn_append("%s\t", time_text);
-    }
     if (cfg[CFG_VIN_BAT_VOLT]) {
         prn_append("%8.2f\t", (double)sampl.fVbat_main);
     }
     if (cfg[CFG_BIAS_BAT_POS]) {
-        prn_append("%8.2f\t", (double)fBiasPos);
+        prn_append("%8.2f\t", (double)bias_pos);
     }
     if (cfg[CFG_BIAS_BAT_NEG]) {
-        prn_append("%8.2f\t", (double)fBiasNeg);
+        prn_append("%8.2f\t", (double)bias_neg);
     }
     if (cfg[CFG_BRD_TEMP]) {
         prn_append("%8.2f\t", (double)sampl.fBrdTempC);
@@ -322,18 +314,11 @@ void format_live_line(const BiasedCells& biased) {
     if (cfg[CFG_CALC_PH_VRSE]) {
         prn_append("%8.3f\t", (double)sampl.pHext);
     }
-    if (cfg[CFG_VRSI_BIASED]) {
-        prn_append("%8.6f\t", (double)biased.vrsi);
-    }
-    if (cfg[CFG_VRSI_BIASED_STD]) {
-        prn_append("%8.6f\t", (double)biased.vrsi_std);
-    }
-    if (cfg[CFG_VRSE_BIASED]) {
-        prn_append("%8.6f\t", (double)biased.vrse);
-    }
-    if (cfg[CFG_VRSE_BIASED_STD]) {
-        prn_append("%8.6f\t", (double)biased.vrse_std);
-    }
+}
+
+// Columns 17 to 20 (counter electrode and currents), common to both lines.
+void append_counter_and_currents() {
+    const unsigned char* cfg = sys_data.data_cfg;
     if (cfg[CFG_V_COUNTER_ELECT]) {
         prn_append("%8.6f\t", (double)sampl.fVk);
     }
@@ -346,6 +331,34 @@ void format_live_line(const BiasedCells& biased) {
     if (cfg[CFG_I_SUBSTRATE]) {
         prn_append("%8.3f\t", (double)sampl.fIb);
     }
+}
+
+// The live line: the "last sample" columns with the biased cells inserted before the counter
+// electrode, then the instrument and pump texts.
+void format_live_line(const BiasedCells& biased) {
+    const unsigned char* cfg = sys_data.data_cfg;
+    prn_pos = 0;
+    prnBuf[0] = '\0';
+    if (cfg[CFG_SAMPLE_NUM]) {
+        prn_append("#%07u\t", (unsigned)sampl.sampNum);
+    }
+    if (cfg[CFG_TIMESTAMP]) {
+        prn_append("%s\t", time_text);
+    }
+    append_battery_to_phext(fBiasPos, fBiasNeg);
+    if (cfg[CFG_VRSI_BIASED]) {
+        prn_append("%8.6f\t", (double)biased.vrsi);
+    }
+    if (cfg[CFG_VRSI_BIASED_STD]) {
+        prn_append("%8.6f\t", (double)biased.vrsi_std);
+    }
+    if (cfg[CFG_VRSE_BIASED]) {
+        prn_append("%8.6f\t", (double)biased.vrse);
+    }
+    if (cfg[CFG_VRSE_BIASED_STD]) {
+        prn_append("%8.6f\t", (double)biased.vrse_std);
+    }
+    append_counter_and_currents();
     if (uart3_in_use()) {
         prn_append("%s\t", uart3_prn_buf);
     }
@@ -640,60 +653,8 @@ void print_sampl(void) {
         format_time_column(time_text, 50);
         prn_append("%s\t", time_text);
     }
-    if (cfg[CFG_VIN_BAT_VOLT]) {
-        prn_append("%8.2f\t", (double)sampl.fVbat_main);
-    }
-    if (cfg[CFG_BIAS_BAT_POS]) {
-        prn_append("%8.2f\t", (double)sampl.fBiasPos);
-    }
-    if (cfg[CFG_BIAS_BAT_NEG]) {
-        prn_append("%8.2f\t", (double)sampl.fBiasNeg);
-    }
-    if (cfg[CFG_BRD_TEMP]) {
-        prn_append("%8.2f\t", (double)sampl.fBrdTempC);
-    }
-    if (cfg[CFG_BRD_HUMIDITY]) {
-        prn_append("%8u\t", (unsigned)sampl.uiHumidity);
-    }
-    if (cfg[CFG_V_THERMISTOR]) {
-        prn_append("%8.6f\t", (double)sampl.fVtherm);
-    }
-    if (cfg[CFG_V_THERMISTOR_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVtherm_std);
-    }
-    if (cfg[CFG_CALC_TEMP]) {
-        prn_append("%8.3f\t", (double)sampl.fTempC);
-    }
-    if (cfg[CFG_VRSI]) {
-        prn_append("%8.6f\t", (double)sampl.fVrsi);
-    }
-    if (cfg[CFG_VRSI_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVrsi_std);
-    }
-    if (cfg[CFG_CALC_PH_VRSI]) {
-        prn_append("%8.3f\t", (double)sampl.pHint);
-    }
-    if (cfg[CFG_VRSE]) {
-        prn_append("%8.6f\t", (double)sampl.fVrse);
-    }
-    if (cfg[CFG_VRSE_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVrse_std);
-    }
-    if (cfg[CFG_CALC_PH_VRSE]) {
-        prn_append("%8.3f\t", (double)sampl.pHext);
-    }
-    if (cfg[CFG_V_COUNTER_ELECT]) {
-        prn_append("%8.6f\t", (double)sampl.fVk);
-    }
-    if (cfg[CFG_V_COUNTER_ELECT_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVk_std);
-    }
-    if (cfg[CFG_I_COUNTER]) {
-        prn_append("%8.2f\t", (double)sampl.fIk);
-    }
-    if (cfg[CFG_I_SUBSTRATE]) {
-        prn_append("%8.3f\t", (double)sampl.fIb);
-    }
+    append_battery_to_phext(sampl.fBiasPos, sampl.fBiasNeg);
+    append_counter_and_currents();
 }
 
 // RAM does not survive hibernation: the FRAM copy is the last sample. The host expects the text
