@@ -17,11 +17,8 @@
 
 namespace {
 
-constexpr uint32_t wake_delay_ticks = 90;     // 900 ms from opening the port to the wake
 constexpr uint32_t reply_timeout_ticks = 250; // 2.5 s from the command to the first character
 constexpr uint32_t char_gap_limit_ms = 50;
-constexpr uint32_t command_gap_ms = 20;
-constexpr uint32_t open_settle_ms = 1;
 constexpr uint32_t reply_window = UART4_PRN_BUF_SIZE - 1;
 
 constexpr char no_sample_text[] = "CTD not responding with sample string after do sample";
@@ -29,43 +26,6 @@ constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf s
 
 // 1 ms tick of the latest character read, while a reply is coming in.
 uint32_t last_char_ms = 0;
-
-int start_pass(void) {
-    ctd_init();
-    ctd_open();
-    delay_msec(open_settle_ms);
-    ctd_flushRx();
-    ctd_flushTx();
-    ctd.old_tick10ms = Timer_10ms(0);
-    unsigned inst = sys_data.data_cfg[CFG_UART4_INST];
-    if (inst != CTD_TYPE_AAND5860) {
-        ctd.type = CTD_TYPE_NONE;
-        uprintf("Error: sys_data.data_cfg[CFG_UART4_INST] = %u, no driver for this CTD type, Config -> Data "
-                "Fields\r\n",
-                inst);
-        ctd.state = CTD_STATE_IDLE;
-        return CTD_STATE_IDLE;
-    }
-    ctd.type = CTD_TYPE_AAND5860;
-    ctd.state = CTD_STATE_WAKE_WAIT;
-    return CTD_STATE_WAKE_WAIT;
-}
-
-int wake_and_ask(void) {
-    ctd_poll();
-    if (ctd_ticks_since(ctd.old_tick10ms) < wake_delay_ticks) {
-        ctd_idle();
-        return CTD_STATE_WAKE_WAIT;
-    }
-    ctd_write("\r\n");
-    delay_msec(command_gap_ms);
-    ctd_write("do sample\r\n");
-    delay_msec(command_gap_ms);
-    ctd_flushRx(); // the sensor's prompt and the command's echo
-    ctd.old_tick10ms = Timer_10ms(0);
-    ctd.state = CTD_STATE_RECEIVE;
-    return CTD_STATE_RECEIVE;
-}
 
 int fail(const char* text) {
     ctd_set_text(text);
@@ -134,9 +94,9 @@ int ctd_aand5860_stateMachine(int state) {
     ctd.state = state;
     switch (state) {
     case CTD_STATE_START:
-        return start_pass();
+        return ctd_start_pass(CTD_TYPE_AAND5860);
     case CTD_STATE_WAKE_WAIT:
-        return wake_and_ask();
+        return ctd_wake_and_ask("\r\n", "do sample\r\n");
     case CTD_STATE_RECEIVE:
         return receive();
     default:

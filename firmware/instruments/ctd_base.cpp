@@ -4,9 +4,11 @@
 
 #include <cstdio>
 
+#include "core/system.h"
 #include "core/timebase.h"
 #include "driverlib/sysctl.h"
 #include "ports/uarts.h"
+#include "ports/uartstdio.h"
 
 namespace {
 
@@ -81,4 +83,47 @@ void ctd_set_text(const char* text) {
 uint32_t ctd_ticks_since(uint32_t since) {
     ctd.new_tick10ms = Timer_10ms(0);
     return ctd.new_tick10ms - since;
+}
+
+namespace {
+constexpr uint32_t pass_wake_delay_ticks = 90; // 900 ms from opening the port to the wake
+constexpr uint32_t pass_command_gap_ms = 20;
+constexpr uint32_t pass_open_settle_ms = 1;
+} // namespace
+
+int ctd_start_pass(unsigned type) {
+    ctd_init();
+    ctd_open();
+    delay_msec(pass_open_settle_ms);
+    ctd_flushRx();
+    ctd_flushTx();
+    ctd.old_tick10ms = Timer_10ms(0);
+    unsigned inst = sys_data.data_cfg[CFG_UART4_INST];
+    if (inst != type) {
+        ctd.type = CTD_TYPE_NONE;
+        uprintf("Error: sys_data.data_cfg[CFG_UART4_INST] = %u, no driver for this CTD type, Config -> Data "
+                "Fields\r\n",
+                inst);
+        ctd.state = CTD_STATE_IDLE;
+        return CTD_STATE_IDLE;
+    }
+    ctd.type = type;
+    ctd.state = CTD_STATE_WAKE_WAIT;
+    return CTD_STATE_WAKE_WAIT;
+}
+
+int ctd_wake_and_ask(const char* wake, const char* command) {
+    ctd_poll();
+    if (ctd_ticks_since(ctd.old_tick10ms) < pass_wake_delay_ticks) {
+        ctd_idle();
+        return CTD_STATE_WAKE_WAIT;
+    }
+    ctd_write(wake);
+    delay_msec(pass_command_gap_ms);
+    ctd_write(command);
+    delay_msec(pass_command_gap_ms);
+    ctd_flushRx(); // the instrument's prompt and the command's echo
+    ctd.old_tick10ms = Timer_10ms(0);
+    ctd.state = CTD_STATE_RECEIVE;
+    return CTD_STATE_RECEIVE;
 }

@@ -62,3 +62,9 @@ uint32_t ctd_tx_buf_size(void);
 void ctd_set_text(const char* text);
 // 10 ms ticks since `since` (wraps with the counter).
 uint32_t ctd_ticks_since(uint32_t since);
+
+// The steps every CTD pass begins with, the same for each instrument type:
+// open the port and refuse a configured type other than `type` (state idle), else wait for the wake;
+// after the 900 ms wake delay send `wake`, then `command`, and go on to receive the reply.
+int ctd_start_pass(unsigned type);
+int ctd_wake_and_ask(const char* wake, const char* command);

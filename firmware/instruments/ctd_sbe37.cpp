@@ -16,10 +16,7 @@
 
 namespace {
 
-constexpr uint32_t wake_delay_ticks = 90;     // 900 ms from opening the port to the wake CR
 constexpr uint32_t reply_timeout_ticks = 350; // 3.5 s from the command to the end of the reply
-constexpr uint32_t command_gap_ms = 20;
-constexpr uint32_t open_settle_ms = 1;
 constexpr uint8_t ctrl_x = 0x18;
 
 constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf size, ctd";
@@ -27,43 +24,6 @@ constexpr char silent_text[] =
     "CTD not responding with SBE37 data, check connection, make sure data config is SBE37";
 static_assert(sizeof silent_text <= UART4_PRN_BUF_SIZE);
 static_assert(sizeof too_long_text <= UART4_PRN_BUF_SIZE);
-
-int start_pass(void) {
-    ctd_init();
-    ctd_open();
-    delay_msec(open_settle_ms);
-    ctd_flushRx();
-    ctd_flushTx();
-    ctd.old_tick10ms = Timer_10ms(0);
-    unsigned inst = sys_data.data_cfg[CFG_UART4_INST];
-    if (inst != CTD_TYPE_SBE37) {
-        ctd.type = CTD_TYPE_NONE;
-        uprintf("Error: sys_data.data_cfg[CFG_UART4_INST] = %u, no driver for this CTD type, Config -> Data "
-                "Fields\r\n",
-                inst);
-        ctd.state = CTD_STATE_IDLE;
-        return CTD_STATE_IDLE;
-    }
-    ctd.type = CTD_TYPE_SBE37;
-    ctd.state = CTD_STATE_WAKE_WAIT;
-    return CTD_STATE_WAKE_WAIT;
-}
-
-int wake_and_ask(void) {
-    ctd_poll();
-    if (ctd_ticks_since(ctd.old_tick10ms) < wake_delay_ticks) {
-        ctd_idle();
-        return CTD_STATE_WAKE_WAIT;
-    }
-    ctd_write("\r");
-    delay_msec(command_gap_ms);
-    ctd_write("ts\r");
-    delay_msec(command_gap_ms);
-    ctd_flushRx(); // the wake prompt and the command's echo
-    ctd.old_tick10ms = Timer_10ms(0);
-    ctd.state = CTD_STATE_RECEIVE;
-    return CTD_STATE_RECEIVE;
-}
 
 int fail(const char* text) {
     ctd_set_text(text);
@@ -125,9 +85,9 @@ int ctd_sbe37_stateMachine(int state) {
     ctd.state = state;
     switch (state) {
     case CTD_STATE_START:
-        return start_pass();
+        return ctd_start_pass(CTD_TYPE_SBE37);
     case CTD_STATE_WAKE_WAIT:
-        return wake_and_ask();
+        return ctd_wake_and_ask("\r", "ts\r");
     case CTD_STATE_RECEIVE:
         return receive();
     default:
