@@ -1,7 +1,9 @@
 # Thin front end over the CMake presets. See README.md.
 .PHONY: run test target bench host host-release deps clean
 
-run: host
+run:
+	cmake --preset host >/dev/null
+	cmake --build --preset host --target hxc3-sim
 	./build/host/hxc3-sim $(ARGS)
 
 test: deps host target
