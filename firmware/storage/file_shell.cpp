@@ -94,6 +94,19 @@ bool resolve(const char* arg, char* out) {
     return false;
 }
 
+// A command's one path argument: checks the word count and resolves the argument, or `dflt` when
+// it is left out. 0, or the code the command returns.
+int path_arg(int argc, char* argv[], int min, const char* dflt, char* out) {
+    int bad = check_args(argc, argv, min, 2);
+    if (bad != 0) {
+        return bad;
+    }
+    if (!resolve(argc > 1 ? argv[1] : dflt, out)) {
+        return SHELL_INVALID_ARG;
+    }
+    return 0;
+}
+
 // The last part of an absolute path ("" for the top).
 const char* last_part(const char* path) {
     const char* slash = strrchr(path, '/');
@@ -209,13 +222,10 @@ const char* file_shell_cwd(void) {
 }
 
 int Cmd_ls(int argc, char* argv[]) {
-    int bad = check_args(argc, argv, 1, 2);
+    char path[FILE_SHELL_PATH_SIZE];
+    int bad = path_arg(argc, argv, 1, ".", path);
     if (bad != 0) {
         return bad;
-    }
-    char path[FILE_SHELL_PATH_SIZE];
-    if (!resolve(argc > 1 ? argv[1] : ".", path)) {
-        return SHELL_INVALID_ARG;
     }
     DIR dir;
     FRESULT fr = f_opendir(&dir, path);
@@ -264,13 +274,10 @@ int Cmd_ls(int argc, char* argv[]) {
 }
 
 int Cmd_cd(int argc, char* argv[]) {
-    int bad = check_args(argc, argv, 1, 2);
+    char path[FILE_SHELL_PATH_SIZE];
+    int bad = path_arg(argc, argv, 1, "/", path);
     if (bad != 0) {
         return bad;
-    }
-    char path[FILE_SHELL_PATH_SIZE];
-    if (!resolve(argc > 1 ? argv[1] : "/", path)) {
-        return SHELL_INVALID_ARG;
     }
     if (strcmp(path, "/") != 0) {
         DIR dir;
@@ -294,13 +301,10 @@ int Cmd_pwd(int argc, char* argv[]) {
 }
 
 int Cmd_cat(int argc, char* argv[]) {
-    int bad = check_args(argc, argv, 2, 2);
+    char path[FILE_SHELL_PATH_SIZE];
+    int bad = path_arg(argc, argv, 2, nullptr, path);
     if (bad != 0) {
         return bad;
-    }
-    char path[FILE_SHELL_PATH_SIZE];
-    if (!resolve(argv[1], path)) {
-        return SHELL_INVALID_ARG;
     }
     FRESULT fr = f_open(&shell_fil, path, FA_READ);
     if (fr != FR_OK) {
@@ -336,13 +340,10 @@ int Cmd_cat(int argc, char* argv[]) {
 }
 
 int Cmd_mkdir(int argc, char* argv[]) {
-    int bad = check_args(argc, argv, 2, 2);
+    char path[FILE_SHELL_PATH_SIZE];
+    int bad = path_arg(argc, argv, 2, nullptr, path);
     if (bad != 0) {
         return bad;
-    }
-    char path[FILE_SHELL_PATH_SIZE];
-    if (!resolve(argv[1], path)) {
-        return SHELL_INVALID_ARG;
     }
     FRESULT fr = f_mkdir(path);
     if (fr != FR_OK) {
@@ -352,13 +353,10 @@ int Cmd_mkdir(int argc, char* argv[]) {
 }
 
 int Cmd_rm(int argc, char* argv[]) {
-    int bad = check_args(argc, argv, 2, 2);
+    char path[FILE_SHELL_PATH_SIZE];
+    int bad = path_arg(argc, argv, 2, nullptr, path);
     if (bad != 0) {
         return bad;
-    }
-    char path[FILE_SHELL_PATH_SIZE];
-    if (!resolve(argv[1], path)) {
-        return SHELL_INVALID_ARG;
     }
     if (holds(path, cwd)) {
         uprintf("rm: %s holds the current directory\r\n", path);
