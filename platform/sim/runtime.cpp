@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <unistd.h>
 
 namespace sim {
@@ -60,11 +61,21 @@ void console_tx(int port, uint8_t b) {
     }
 }
 
+uint64_t typed_due_ns(const Shared& s) {
+    uint64_t t = s.typed_next_ns;
+    for (uint32_t i = 0; i < s.typed_holds; ++i) {
+        if (s.typed_pos == s.typed_hold_pos[i]) {
+            t = std::max(t, s.typed_hold_ns[i]);
+        }
+    }
+    return t;
+}
+
 uint64_t world_next() {
     Shared& s = shared();
     uint64_t t = s.run_for_ns;
     if (s.typed_pos < s.typed_len) {
-        t = std::min(t, s.typed_next_ns);
+        t = std::min(t, typed_due_ns(s));
     }
     if (g_script && !s.script.ended) {
         t = std::min(t, g_script_due ? s.now_ns : g_script_next);
@@ -89,12 +100,14 @@ void world_step(uint64_t now) {
         s.exit_status = 0;
         power_off(PowerEvent::end);
     }
-    while (s.typed_pos < s.typed_len && s.typed_next_ns <= now) {
+    while (s.typed_pos < s.typed_len && typed_due_ns(s) <= now) {
+        s.typed_next_ns = typed_due_ns(s);
         uart_receive(0, static_cast<uint8_t>(s.typed[s.typed_pos++]));
         s.typed_next_ns += console_char_ns();
     }
     if (s.typed_pos == s.typed_len) {
         s.typed_pos = s.typed_len = 0;
+        s.typed_holds = 0;
     }
     if (g_script && !s.script.ended && (g_script_due || now >= g_script_next)) {
         g_script_due = false;
@@ -512,6 +525,9 @@ void connect_console() {
 }
 
 void begin_period(WakeSource src) {
+    // The chip's C library has no time zone: its calendar time is UTC, whatever the host's is.
+    setenv("TZ", "UTC0", 1);
+    tzset();
     Shared& s = shared();
     rtc_sync();
     s.wake = src;
@@ -595,11 +611,33 @@ void type_console(const std::string& text) {
     Shared& s = shared();
     if (s.typed_pos == s.typed_len) {
         s.typed_pos = s.typed_len = 0;
+        s.typed_holds = 0;
         s.typed_next_ns = s.now_ns + console_char_ns();
     }
     for (char ch : text) {
         if (s.typed_len == sizeof s.typed) {
             message("typed input longer than %zu bytes: the rest is dropped", sizeof s.typed);
+            return;
+        }
+        s.typed[s.typed_len++] = ch;
+    }
+}
+
+void type_console_after(uint64_t delay_ns, const std::string& text) {
+    Shared& s = shared();
+    if (s.typed_pos == s.typed_len) {
+        s.typed_pos = s.typed_len = 0;
+        s.typed_next_ns = s.now_ns + console_char_ns();
+    }
+    if (s.typed_holds == std::size(s.typed_hold_pos)) {
+        message("more than %zu pauses in typed input: the text is dropped", std::size(s.typed_hold_pos));
+        return;
+    }
+    s.typed_hold_pos[s.typed_holds] = s.typed_len;
+    s.typed_hold_ns[s.typed_holds] = s.now_ns + delay_ns;
+    ++s.typed_holds;
+    for (char ch : text) {
+        if (s.typed_len == sizeof s.typed) {
             return;
         }
         s.typed[s.typed_len++] = ch;

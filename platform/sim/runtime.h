@@ -59,6 +59,11 @@ struct Shared {
     char typed[4096];
     uint32_t typed_len, typed_pos;
     uint64_t typed_next_ns;
+    // Pauses in the typed input: the byte at typed_hold_pos[i] arrives no earlier than
+    // typed_hold_ns[i].
+    uint32_t typed_holds;
+    uint32_t typed_hold_pos[8];
+    uint64_t typed_hold_ns[8];
 
     script::State script;
     Scenario scenario;
@@ -150,6 +155,9 @@ void apply_wake(WakeSource src);
 
 // Queues console input at the console's baud rate, the first byte arriving one character time from now.
 void type_console(const std::string& text);
+// Queues console input after what is queued, its first byte arriving no earlier than delay_ns from
+// now (an answer typed once the board has had time to act on the previous input).
+void type_console_after(uint64_t delay_ns, const std::string& text);
 // Character time on the console at its current baud rate (115200 when the UART is not set up).
 uint64_t console_char_ns();
 

@@ -120,6 +120,10 @@ void type(const std::string& text) {
     type_console(text);
 }
 
+void type_after(double delay_s, const std::string& text) {
+    type_console_after(static_cast<uint64_t>(delay_s * ns_per_s + 0.5), text);
+}
+
 Outcome advance_s(double seconds) {
     uint64_t ns = seconds <= 0 ? 0 : static_cast<uint64_t>(seconds * ns_per_s + 0.5);
     if (!g_on) {

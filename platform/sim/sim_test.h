@@ -34,6 +34,8 @@ const std::string& console_output();
 void clear_console_output();
 // Types text into UART0 at its baud rate, starting now; the bytes arrive as virtual time passes.
 void type(const std::string& text);
+// Types text after what is already queued, its first byte arriving no earlier than delay_s from now.
+void type_after(double delay_s, const std::string& text);
 // Lets virtual time pass with no firmware running (interrupt handlers still run). On a board that
 // is off only the RTC runs. A power-on period that ends meanwhile (the watchdog) ends the wait.
 Outcome advance_s(double seconds);

@@ -17,6 +17,7 @@
 #include "instruments/ctd_sbe37.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 
 namespace {
 
@@ -24,12 +25,7 @@ constexpr char no_sample_text[] = "CTD not responding with sample string after d
 constexpr uint64_t char_ns = 10 * sim::ns_per_s / 9600;
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
     UARTStdioConfig(0, 115200, 16000000);
 }
 

@@ -24,6 +24,7 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/i2c_fram.h"
 
 namespace {
@@ -33,12 +34,7 @@ constexpr char silent_text[] =
 constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf size, ctd";
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
     i2c0_init(0);
     fram_init();
     bme280_init();

@@ -20,18 +20,14 @@
 #include "measure/ads1248_iso.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 
 namespace {
 
 constexpr int port_d = 3, port_e = 4;
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 void power_up(void) {

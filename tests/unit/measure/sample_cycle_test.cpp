@@ -32,20 +32,18 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 
 namespace {
 
+using test_board::run_shell;
+
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
     i2c0_init(0);
     fram_init();
     bme280_init();
@@ -71,21 +69,6 @@ void expect_golden(const std::string& name, const std::string& actual) {
     }
     ASSERT_TRUE(std::filesystem::exists(path)) << "missing golden file " << path;
     EXPECT_EQ(actual, read_file(path)) << "golden file " << name;
-}
-
-std::string run_shell(const std::string& command) {
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (p == nullptr) {
-        return out;
-    }
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-        out.append(buf, n);
-    }
-    pclose(p);
-    return out;
 }
 
 std::string fmt(const char* format, double v) {
@@ -363,13 +346,8 @@ class SampleCycleOnCard : public SampleCycle {
 
     void SetUp() override {
         SampleCycle::SetUp();
-        char name[] = "/tmp/hxc3-cycle-XXXXXX";
-        int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        unlink(name);
-        image = name;
-        ASSERT_EQ(std::system(("mkfs.fat -C -F 32 " + image + " 65536 >/dev/null").c_str()), 0);
+        image = test_board::make_card_image("cycle");
+        ASSERT_FALSE(image.empty());
         sim::sd_set_image(image);
         ASSERT_EQ(init_uSDCard(), 0u);
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 1;

@@ -19,16 +19,12 @@
 #include "inc/hw_memmap.h"
 #include "measure/ads1248_iso.h"
 #include "sim_test.h"
+#include "test_board.h"
 
 namespace {
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 void power_up(void) {

@@ -2,6 +2,7 @@
 // CMD0, CRC checks, illegal and misaligned commands, busy after a write, the error token past the
 // end, write protection, removal), the power cut after the k-th write, and new card images.
 #include "sim_test.h"
+#include "test_board.h"
 
 #include "board/pinmux.h"
 #include "driverlib/gpio.h"
@@ -41,12 +42,7 @@ uint8_t crc7(const uint8_t* data, size_t n) {
 }
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 uint8_t xchg(uint8_t out) {

@@ -17,6 +17,7 @@
 #include "driverlib/systick.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/calfile.h"
 #include "storage/microsd.h"
 
@@ -220,12 +221,7 @@ TEST_F(CalFile, UnterminatedStoredTextsPrintOnlyTheirField) {
 // ---------------------------------------------------------------- card
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 // A card formatted on a PC (FAT32) with the calibration file copied onto it by mtools.

@@ -24,11 +24,14 @@
 #include "driverlib/systick.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/config.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 
 namespace {
+
+using test_board::run_shell;
 
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
@@ -377,27 +380,7 @@ TEST_F(Presets, Platforms) {
 
 // Clock, pins, console and the millisecond tick that times the card driver out.
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
-}
-
-std::string run_shell(const std::string& command) {
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (p == nullptr) {
-        return out;
-    }
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-        out.append(buf, n);
-    }
-    pclose(p);
-    return out;
+    test_board::start_clocks();
 }
 
 // The file text spells the thermistor labels in capitals where the console has lower case.
@@ -416,13 +399,8 @@ class DataFileOnCard : public DataFile {
     void SetUp() override {
         DataFile::SetUp();
         ASSERT_TRUE(sim::test::run(start_board).returned);
-        char name[] = "/tmp/hxc3-config-XXXXXX";
-        int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        unlink(name);
-        image = name;
-        ASSERT_EQ(std::system(("mkfs.fat -C -F 32 " + image + " 65536 >/dev/null").c_str()), 0);
+        image = test_board::make_card_image("config");
+        ASSERT_FALSE(image.empty());
         sim::sd_set_image(image);
         ASSERT_EQ(init_uSDCard(), 0u);
         clear_out();

@@ -14,6 +14,7 @@
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/fatfs/diskio.h"
 #include "storage/microsd.h"
 
@@ -22,12 +23,7 @@ namespace {
 constexpr uint64_t mib = 1024 * 1024;
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 std::vector<uint8_t> pattern(uint32_t seed, size_t n) {

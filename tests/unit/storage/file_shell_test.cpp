@@ -17,6 +17,7 @@
 #include "driverlib/systick.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/fatfs/ff.h"
 #include "storage/file_shell.h"
 #include "storage/microsd.h"
@@ -155,12 +156,7 @@ TEST_F(FileShell, ShellLeavesWhenNobodyTypesAndKeepsTheWatchdogFed) {
 // ---------------------------------------------------------------- on a card
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 std::string run_tool(const std::string& command) {

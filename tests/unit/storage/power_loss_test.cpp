@@ -26,6 +26,7 @@
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/fatfs/fsck_check.h"
 #include "storage/microsd.h"
 
@@ -50,12 +51,7 @@ int g_lines;    // appends in this power-on period
 int g_returned; // appendBufferToSDCard calls that returned
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
     std::memset(sys_data.fileName, 0, sizeof sys_data.fileName);
     std::memcpy(sys_data.fileName, data_name, sizeof data_name - 1);
     g_mount_result = init_uSDCard();

@@ -20,6 +20,7 @@
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
 #include "sim_test.h"
+#include "test_board.h"
 #include "storage/fatfs/ff.h"
 #include "storage/fatfs/fsck_check.h"
 
@@ -36,12 +37,7 @@ constexpr bool our_module = true;
 constexpr uint32_t rtc_start = 1767275100; // 2026-01-01 13:45:00 UTC
 
 void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
+    test_board::start_clocks();
 }
 
 // Runs a shell command; its exit status and its output (stdout and stderr).

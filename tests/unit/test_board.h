@@ -1,0 +1,64 @@
+// Helpers the unit tests share: starting the simulated chip's clock and timebase the way the
+// firmware's start-up does, and running a host command (mtools, fsck) on a card image.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "driverlib/interrupt.h"
+#include "driverlib/sysctl.h"
+#include "driverlib/systick.h"
+#include "board/pinmux.h"
+
+namespace test_board {
+
+// 50 MHz from the PLL, the 1 ms SysTick and interrupts on, as init() sets them.
+inline void start_clocks(void) {
+    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
+    init_TM4C123GH6PM_64pin();
+    SysTickPeriodSet(SysCtlClockGet() / 1000);
+    SysTickIntEnable();
+    SysTickEnable();
+    IntMasterEnable();
+}
+
+// Runs a shell command and returns what it wrote on stdout.
+inline std::string run_shell(const std::string& command) {
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    if (p == nullptr) {
+        return out;
+    }
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
+        out.append(buf, n);
+    }
+    pclose(p);
+    return out;
+}
+
+// A file of a card image as mtools reads it (with mtools' message when it cannot).
+inline std::string card_file(const std::string& image, const std::string& name) {
+    return run_shell("MTOOLS_SKIP_CHECK=1 mtype -i " + image + " ::" + name + " 2>&1");
+}
+
+// A new 32 MiB FAT32 card image made by mkfs.fat under /tmp, named after tag; empty on failure.
+inline std::string make_card_image(const std::string& tag) {
+    std::string name = "/tmp/hxc3-" + tag + "-XXXXXX";
+    int fd = mkstemp(name.data());
+    if (fd < 0) {
+        return "";
+    }
+    close(fd);
+    unlink(name.c_str());
+    if (std::system(("mkfs.fat -C -F 32 " + name + " 65536 >/dev/null").c_str()) != 0) {
+        return "";
+    }
+    return name;
+}
+
+} // namespace test_board
