@@ -16,12 +16,14 @@ struct rxStateMach {
     uint32_t tick_ms_delim; // silence in ms that ends a line
     uint8_t byte;           // the byte just received
     uint8_t buf[64];        // the line, NUL-terminated
+    uint8_t buf_end;        // always 0: a line that fills all of buf still ends in a NUL
 };
 
 extern rxStateMach rx0;
 
 // Handles at most one received byte: 0 when none waited, -1 when the session is to end, positive
-// otherwise.
+// otherwise (1 after a byte handled while idle or on the way into the menu, 2 in a text line, 3 in a
+// framed line).
 int32_t handle_m2m_comm(void);
 // Echo off, receive record cleared (tick_ms_delim kept), prompt "\r\n>".
 void m2m_statemachine_init(void);
@@ -31,3 +33,7 @@ void apf_set_m2m_timeout(void);
 void apf_set_h2m_timeout(uint32_t seconds);
 // Key reader of the menus while a controller may be attached.
 uint8_t get_key_m2m(void);
+// 6 when text (cut at its first CR or LF) is "ACK" in any case, 21 when it is "NAK", -1 otherwise.
+int32_t MatchACK(char* text);
+// Waits up to timeout_ms for "ACK" from the other side: 1 on "ACK", 0 on a bad byte, -1 on time-out.
+int32_t waitACK(uint32_t timeout_ms);

@@ -14,3 +14,5 @@ void uvs_set_rts(uint32_t on);
 int LoadIsusZCoefs(void);
 // Builds the wavelength array from the loaded coefficients.
 void InitLambdaArray(void);
+// Spectrometer bench test from the console ("z").
+void uvs_dev_test(uint32_t arg);

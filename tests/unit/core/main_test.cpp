@@ -131,13 +131,14 @@ struct Stored {
     uint32_t period;
     uint32_t next;
     uint8_t exec_switch;
+    output_mode output = NORMAL;
 };
 Stored g_stored;
 
 void store_settings(void) {
     init();
     sys_data.debug_flag = 1;
-    sys_data.output = NORMAL;
+    sys_data.output = g_stored.output;
     sys_data.test_mode = 0;
     sys_data.sample_aligned = 0;
     sys_data.sampling_period = g_stored.period;
@@ -242,6 +243,17 @@ TEST_F(MainPassTest, IdleServesTheSessionThenSleepsIdle) {
     EXPECT_LT(awake_s(), 103.0);
     EXPECT_EQ(wake_conditions(), WAKE_ON_PIN);
     EXPECT_EQ(fram_state(), IDLE);
+}
+
+TEST_F(MainPassTest, IdleSessionEndsWithTheVerboseSleepMessage) {
+    prepare({IDLE, 600, T0, 0, VERBOSE}, 0, 0);
+    sim::test::Outcome out = boot();
+    EXPECT_EQ(out.event, sim::PowerEvent::hibernate);
+    const std::string& text = sim::test::console_output();
+    size_t prompt = text.find("\r\n>");
+    ASSERT_NE(prompt, std::string::npos) << text;
+    EXPECT_EQ(text.substr(prompt + 3), "\r\n\r\nSleeping...*hit any key to wake\r\n\r\n\r\n");
+    EXPECT_EQ(wake_conditions(), WAKE_ON_PIN);
 }
 
 TEST_F(MainPassTest, InvalidStoredStateIsReportedAndEnded) {

@@ -1,0 +1,427 @@
+// The float controller's command words: every reply, the refusals and what they leave in the float
+// record and its FRAM copy, the CTD echo with and without the controller's acknowledgement, the pH
+// sample reply with its CRC prefix, its line in the float log on the card, and "SL" sending the
+// same line again, also after the board lost its RAM.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "board/bme280.h"
+#include "board/i2c0.h"
+#include "board/pcal6416.h"
+#include "board/pinmux.h"
+#include "core/board_util.h"
+#include "core/main.h"
+#include "core/system.h"
+#include "driverlib/hibernate.h"
+#include "driverlib/interrupt.h"
+#include "driverlib/sysctl.h"
+#include "driverlib/systick.h"
+#include "hostlink/apf.h"
+#include "hostlink/apf_cmd.h"
+#include "hostlink/serial.h"
+#include "measure/apf_math.h"
+#include "measure/sample.h"
+#include "ports/uartstdio.h"
+#include "sim_test.h"
+#include "test_board.h"
+#include "spectrometer/uvs.h"
+#include "storage/i2c_fram.h"
+#include "storage/microsd.h"
+
+namespace {
+
+using test_board::run_shell;
+
+constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
+
+void start_board(void) {
+    test_board::start_clocks();
+    i2c0_init(0);
+    fram_init();
+    bme280_init();
+    pcal6416_init();
+}
+
+std::vector<std::string> split(const std::string& text, char sep) {
+    std::vector<std::string> parts;
+    size_t from = 0;
+    for (;;) {
+        size_t at = text.find(sep, from);
+        parts.push_back(text.substr(from, at - from));
+        if (at == std::string::npos) {
+            return parts;
+        }
+        from = at + 1;
+    }
+}
+
+class FloatCommands : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        sim::test::reset_board(T0);
+        memset(&sys_data, 0, sizeof sys_data);
+        memset(&sys_samp, 0, sizeof sys_samp);
+        memset(&sampl, 0, sizeof sampl);
+        memset(&apf, 0, sizeof apf);
+        memset(prnBuf, 0, sizeof prnBuf);
+        microSD_flg = 0;
+        dbg_flag = 0;
+        ASSERT_TRUE(sim::test::run(start_board).returned);
+        sys_data.baud_rate = 115200;
+        initSysDataVariables();
+        sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
+        sys_samp.initNum = SYS_SAMP_INIT_NUM;
+        sys_samp.current_sample = 41;
+        pump_var_init();
+        SetSysDefaultsIntoNVRAM();
+        SetIsusDefaultsIntoNVRAM();
+        SetDuraDefaultsIntoNVRAM();
+        fram_apf_vars_store();
+        clear_out();
+    }
+    static std::string out() {
+        wait_consoleTx();
+        return sim::test::console_output();
+    }
+    static void clear_out() {
+        wait_consoleTx();
+        sim::test::clear_console_output();
+    }
+    // The line as the receive machine leaves it: lower case, NUL-terminated, indx its length.
+    static void line(const char* text) {
+        memset(rx0.buf, 0, sizeof rx0.buf);
+        size_t n = strnlen(text, sizeof rx0.buf - 1);
+        for (size_t i = 0; i < n; i++) {
+            rx0.buf[i] = static_cast<uint8_t>(tolower(static_cast<unsigned char>(text[i])));
+        }
+        rx0.indx = static_cast<uint32_t>(n);
+    }
+    // Runs a handler on a line and returns what it sent.
+    static std::string reply(void (*handler)(), const char* text = "") {
+        line(text);
+        clear_out();
+        handler();
+        return out();
+    }
+    static apfGlobals stored() {
+        apfGlobals a;
+        memcpy(&a, sim::fram_bytes() + FRAM_APF_ADDR, sizeof a);
+        return a;
+    }
+    static bool record_stored() {
+        apfGlobals a = stored();
+        return memcmp(&a, &apf, sizeof a) == 0;
+    }
+};
+
+TEST_F(FloatCommands, FixedReplies) {
+    apf.sys_por_ctr = 12;
+    apf.sys_reset_ctr = 3;
+    apf.sys_reset_time = 1767000000;
+    apf.sys_sensor_type = 4;
+    apf.isus_spec_period = 400;
+    apf.sys_sensor_mode = 2;
+    apf.sys_error_ctr = 7;
+    apf.sys_last_error = -110;
+    apf.sys_error_time = 1767225000;
+    watchDog.tickLongest = 1500;
+    watchDog.tickTot = 90000;
+    EXPECT_EQ(reply(apf_print_ping_response, "w"), "ACK\r\n");
+    EXPECT_EQ(reply(apf_get_pc, "p"), "ACK,P,12,3,1767000000");
+    EXPECT_EQ(reply(apf_get_sc, "s"), "Imp es Nada apf_get_sc\r\n");
+    EXPECT_EQ(reply(apf_get_sensor_type, "q"), "ACK,Q,4");
+    EXPECT_EQ(reply(apf_get_int_time, "tint,?"), "TINT,?,400");
+    EXPECT_EQ(reply(apf_get_mode, "mode,?"), "ACK,MODE?,2");
+    EXPECT_EQ(reply(apf_get_rtc, "rtc,?"), "ACK,RTC?,1767225600");
+    EXPECT_EQ(reply(apf_xfer_se, "se"), "Imp es Nada apf_xfer_se, send error records\r\n");
+    EXPECT_EQ(reply(apf_get_se, "se,?"), "ACK,SE?,7,-110,1767225000");
+    EXPECT_EQ(reply(apf_off, "off"), "ACK,OFF");
+    EXPECT_EQ(reply(apf_set_fit, "fit"), "Imp es Nada apf_set_fit\r\n");
+    EXPECT_EQ(reply(apf_get_fit, "fit,?"), "Imp es Nada apf_get_fit\r\n");
+    EXPECT_EQ(reply(apf_set_spectra, "spectra"), "Imp es Nada apf_set_spectra\r\n");
+    EXPECT_EQ(reply(apf_get_spectra, "spectra,?"), "Imp es Nada apf_get_spectra\r\n");
+    EXPECT_EQ(reply(apf_wdog_status, "wdog"), "DEV: wdog.longest = 1500, tot = 90000\r\n>");
+    EXPECT_EQ(reply(apf_print_help, "h"),
+              "Commands: W,M,E,P,S,T,C,Q,INIT,TINT,MODE,TS,T1,T2,SL,SE,SLP,OFF,RTC,FIT,CTD,BAKE,SPECTRA\r\n");
+    EXPECT_EQ(reply(apf_get_sysinfo, "sys"),
+              std::string("ACK,SYS,") + FIRMWARE_VERSION + ",777,12,3,1767000000,1767225600");
+    sys_data.k0int = -0.4f;
+    sys_data.k0ext = -1.3f;
+    sys_data.k2int = -0.001f;
+    sys_data.k2ext = -0.00125f;
+    sys_data.TCOffset = 0.5f;
+    sys_data.TCSlope = 1.0f;
+    EXPECT_EQ(reply(apf_get_cal, "cal"),
+              "ACK,CAL,-0.400000,-1.300000,-1.000000e-03,-1.250000e-03,0.500000,1.000000");
+    EXPECT_EQ(reply(apf_dbg, "DBG,1"), "ACK,DBG,1");
+    EXPECT_EQ(reply(apf_dbg, "DBG"), "ACK,DBG,0");
+    EXPECT_EQ(reply(apf_dbg, "DBG,7"), "NAK,DBG,FormatErr");
+    EXPECT_EQ(reply(apf_print_devStatus, "stat")
+                  .rfind("Commands implemented: \r\n\r\n  W - ping for ACK\r\n\r\n", 0),
+              0u);
+}
+
+// What the spectrometer would answer is refused plainly until one is fitted.
+TEST_F(FloatCommands, SpectrometerWordsAreNotAvailable) {
+    EXPECT_EQ(reply(apf_take_sample_nitrate, "t1"), "NAK,T1,NotAvailable");
+    EXPECT_EQ(reply(apf_bake_uv_lamp, "bake"), "NAK,BAKE,NotAvailable");
+    EXPECT_EQ(reply(apf_get_cfg_isus, "c1"), "NAK,C1,NotAvailable");
+    EXPECT_EQ(reply(apf_send_last_nitrate, "sl"), "NAK,SL,NotAvailable");
+    line("z");
+    clear_out();
+    uvs_dev_test(1);
+    EXPECT_EQ(out(), "NAK,Z,NotAvailable");
+}
+
+// E, C and T answer for the sensor of the current mode and refuse the legacy mode.
+TEST_F(FloatCommands, ModeGovernedReplies) {
+    apf.isus_error_ctr = 4;
+    apf.isus_error_time = 100;
+    apf.dura_error_ctr = 5;
+    apf.dura_error_time = 200;
+    apf.isus_sample_time = 300;
+    apf.dura_sample_time = 400;
+    apf.sys_sensor_mode = 1;
+    EXPECT_EQ(reply(apf_get_err, "e"), "ACK,E,4,100\n");
+    EXPECT_EQ(reply(apf_get_acq_time, "t"), "ACK,T,300");
+    EXPECT_EQ(reply(apf_get_cfg, "c"), "NAK,C1,NotAvailable");
+    apf.sys_sensor_mode = 2;
+    EXPECT_EQ(reply(apf_get_err, "e"), "ACK,E,5,200\n");
+    EXPECT_EQ(reply(apf_get_acq_time, "t"), "ACK,T,400");
+    EXPECT_EQ(reply(apf_get_cfg, "c"), "ACK,C2,1,10,250,100,0,4");
+    EXPECT_EQ(reply(apf_get_cfg_dura, "c2"), "ACK,C2,1,10,250,100,0,4");
+    apf.sys_sensor_mode = 0;
+    EXPECT_EQ(reply(apf_get_err, "e"), "NAK,E,InvalidModeValue: 0\n");
+    EXPECT_EQ(reply(apf_get_acq_time, "t"), "NAK,T,InvalidModeValue: 0");
+    EXPECT_EQ(reply(apf_get_cfg, "c"), "NAK,C,InvalidModeValue: 0\n");
+}
+
+TEST_F(FloatCommands, ModeSetAndRefused) {
+    EXPECT_EQ(reply(apf_set_mode, "MODE,2"), "ACK,MODE,2");
+    EXPECT_EQ(apf.sys_sensor_mode, 2u);
+    EXPECT_TRUE(record_stored());
+    EXPECT_EQ(reply(apf_set_mode, "MODE,0"), "ACK,MODE,0");
+    EXPECT_EQ(stored().sys_sensor_mode, 0u);
+
+    EXPECT_EQ(reply(apf_set_mode, "MODE,3"), "NAK,MODE,RangeErr [0,2]: 3");
+    EXPECT_EQ(reply(apf_set_mode, "MODE,9"), "NAK,MODE,RangeErr [0,2]: 9");
+    EXPECT_EQ(reply(apf_set_mode, "MODE"), "NAK,MODE,FormatErr");
+    EXPECT_EQ(reply(apf_set_mode, "MODE2"), "NAK,MODE,FormatErr");
+    EXPECT_EQ(reply(apf_set_mode, "MODE,"), "NAK,MODE,FormatErr");
+    EXPECT_EQ(reply(apf_set_mode, "MODE,X"), "NAK,MODE,FormatErr");
+    EXPECT_EQ(apf.sys_sensor_mode, 0u);
+    EXPECT_EQ(stored().sys_sensor_mode, 0u);
+}
+
+// The limits are inclusive; a value out of range is refused but the record is still written.
+TEST_F(FloatCommands, IntegrationTimeLimits) {
+    EXPECT_EQ(reply(apf_set_int_time, "TINT,4000"), "ACK,TINT,4000");
+    EXPECT_EQ(stored().isus_spec_period, 4000u);
+    EXPECT_EQ(reply(apf_set_int_time, "TINT,4"), "ACK,TINT,4");
+    EXPECT_EQ(stored().isus_spec_period, 4u);
+
+    apf.sys_serial_num = 778; // an unsaved change that the refusal's store carries to FRAM
+    EXPECT_EQ(reply(apf_set_int_time, "TINT,3"), "NAK,TINT,RangeErr [4,4000], 3");
+    EXPECT_EQ(stored().sys_serial_num, 778u);
+    EXPECT_EQ(reply(apf_set_int_time, "TINT,4001"), "NAK,TINT,RangeErr [4,4000], 4001");
+    // At most six digits are read.
+    EXPECT_EQ(reply(apf_set_int_time, "TINT,12345678"), "NAK,TINT,RangeErr [4,4000], 123456");
+    EXPECT_EQ(reply(apf_set_int_time, "TINT"), "NAK,TINT,FormatErr");
+    EXPECT_EQ(apf.isus_spec_period, 4u);
+    EXPECT_TRUE(record_stored());
+}
+
+TEST_F(FloatCommands, SensorTypeOnlyOneToFour) {
+    apf.sys_sensor_type = 3;
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPE,0"), "ACK,Q,3");
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPE,5"), "ACK,Q,3");
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPE"), "ACK,Q,3");
+    EXPECT_EQ(apf.sys_sensor_type, 3);
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPE,2"), "ACK,Q,2");
+    EXPECT_EQ(stored().sys_sensor_type, 2);
+    // Only the low four bits of the character count: "a" (0x61) reads as 1.
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPE,A"), "ACK,Q,1");
+}
+
+TEST_F(FloatCommands, ClockSetFromTheLine) {
+    EXPECT_EQ(reply(apf_set_rtc, "RTC,1767300000"), "ACK,1767300000,1767300000");
+    EXPECT_EQ(HibernateRTCGet(), 1767300000u);
+    // Everything from position 14 on is ignored.
+    EXPECT_EQ(reply(apf_set_rtc, "RTC,1767400000999"), "ACK,1767400000,1767400000");
+}
+
+TEST_F(FloatCommands, InitLoadsDefaults) {
+    apf.sys_sensor_type = 2;
+    apf.isus_spec_period = 17;
+    apf.dura_sample_ctr = 99;
+    const std::string text = reply(apf_init_persistent_vars, "INIT");
+    EXPECT_EQ(text.substr(text.size() - 8), "ACK,INIT");
+    EXPECT_EQ(apf.sys_sensor_type, 4);
+    EXPECT_EQ(apf.isus_spec_period, 1000u);
+    EXPECT_EQ(apf.dura_sample_ctr, 0u);
+    EXPECT_EQ(apf.dura_reset_flag, 1u);
+    EXPECT_TRUE(record_stored());
+}
+
+// The controller echoes "ACK" within 3 s: the values are kept.
+TEST_F(FloatCommands, CtdKeptAfterTheControllersAck) {
+    line("CTD,1767225500,15.1234,35.0011,102.25");
+    clear_out();
+    sim::test::type("ACK");
+    apf_set_ctd();
+    EXPECT_EQ(out().rfind("ACK,CTD,1767225500,15.1234,35.0011,102.25", 0), 0u) << out();
+    EXPECT_EQ(apf.CTD_Time, 1767225500u);
+    EXPECT_FLOAT_EQ(apf.CTD_Temp, 15.1234f);
+    EXPECT_FLOAT_EQ(apf.CTD_Salinity, 35.0011f);
+    EXPECT_FLOAT_EQ(apf.CTD_Depth, 102.25f);
+    EXPECT_EQ(apf.sys_error_ctr, 0u);
+    EXPECT_TRUE(record_stored());
+    EXPECT_EQ(reply(apf_get_ctd, "CTD,?"), "ACK,CTD?,1767225500,15.1234,35.0011,102.25\n");
+}
+
+// Silence after the echo clears the values and logs the failure.
+TEST_F(FloatCommands, CtdClearedWithoutAck) {
+    apf.CTD_Time = 5;
+    apf.CTD_Temp = 10.0f;
+    apf.sys_message_enable = 1;
+    line("CTD,1767225500,15.1234,35.0011,102.25");
+    clear_out();
+    const uint64_t before = sim::now_ns();
+    apf_set_ctd();
+    EXPECT_GE(sim::now_ns() - before, 3000000000u) << "waits the full 3 s";
+    EXPECT_EQ(out(), "ACK,CTD,1767225500,15.1234,35.0011,102.25CTD Command ACK Failure\r\n");
+    EXPECT_EQ(apf.CTD_Time, 0u);
+    EXPECT_EQ(apf.CTD_Temp, -1.0f);
+    EXPECT_EQ(apf.CTD_Salinity, -1.0f);
+    EXPECT_EQ(apf.CTD_Depth, -1.0f);
+    EXPECT_EQ(apf.sys_last_error, -110);
+    EXPECT_EQ(apf.sys_error_ctr, 1u);
+    EXPECT_TRUE(record_stored());
+    EXPECT_EQ(reply(apf_get_ctd, "CTD,?"), "ACK,CTD?,0,-1.0000,-1.0000,-1.00\n");
+
+    // A line with fields missing is refused without waiting and without touching the values.
+    EXPECT_EQ(reply(apf_set_ctd, "CTD,12,3.5"), "NAK,CTD,FormatErr");
+    EXPECT_EQ(apf.sys_error_ctr, 1u);
+}
+
+TEST_F(FloatCommands, SendLastBeforeAnySample) {
+    EXPECT_EQ(reply(apf_send_last_pH, "sl"), "DBG: apf_send_last_pH, byteCnt is 0\r\nNAK,SL");
+    // A count that does not describe a stored line is refused too.
+    apf.sendlast_byteCnt = 1600;
+    EXPECT_EQ(reply(apf_send_last_pH, "sl"), "NAK,SL");
+}
+
+class FloatCommandsOnCard : public FloatCommands {
+  protected:
+    std::string image;
+
+    void SetUp() override {
+        FloatCommands::SetUp();
+        image = test_board::make_card_image("apf");
+        ASSERT_FALSE(image.empty());
+        sim::sd_set_image(image);
+        ASSERT_EQ(init_uSDCard(), 0u);
+        microSD_flg = 1;
+        sys_data.data_cfg[CFG_SAMPLE_NUM] = 1;
+        apf.sys_sensor_mode = 2;
+        clear_out();
+    }
+    void TearDown() override {
+        f_unmount("");
+        sim::sd_set_image("");
+        unlink(image.c_str());
+    }
+    std::string card_file(const char* name) const {
+        return run_shell("MTOOLS_SKIP_CHECK=1 mtype -i " + image + " ::" + name + " 2>/dev/null");
+    }
+    // One pH sample; returns its reply.
+    static std::string sample() {
+        clear_out();
+        apf_take_sample_pH();
+        return out();
+    }
+};
+
+// The reply: "0xHHHH," then "pH," with the clock's date and time and the sample's values. The CRC
+// covers the line as it stood in the buffer when the log line was written, whose first seven bytes
+// are left over from what the buffer held before.
+TEST_F(FloatCommandsOnCard, PhReplyCrcAndLogLine) {
+    sim::test::set_scenario("bath.ph", "7.9");
+    sim::test::set_scenario("adc.noise_uv", "0");
+    sys_data.data_cfg[CFG_CALC_PH_VRSE] = 1;
+    apf.CTD_Depth = 55.5f;
+    apf.CTD_Time = 1767225500;
+    const std::string first = sample();
+    ASSERT_GE(first.size(), 2u);
+    EXPECT_EQ(first.substr(first.size() - 2), "\r\n");
+    EXPECT_EQ(first.find('\r'), first.size() - 2) << "one line";
+    const std::vector<std::string> f = split(first.substr(0, first.size() - 2), ',');
+    ASSERT_EQ(f.size(), 22u) << first;
+    EXPECT_EQ(f[1], "pH");
+    EXPECT_EQ(f[2].substr(0, 9), "01/01/26 ");
+    EXPECT_EQ(f[3], "41");    // sample number
+    EXPECT_EQ(f[4], "55.50"); // the controller's depth
+    EXPECT_NEAR(atof(f[5].c_str()), 7.9, 0.01);
+    EXPECT_NEAR(atof(f[6].c_str()), 7.9, 0.01);
+    EXPECT_EQ(f[8], "1767225500");
+    EXPECT_NEAR(atof(f[14].c_str()), 15.0, 0.05); // bath temperature
+    EXPECT_EQ(apf.dura_sample_ctr, 1u);
+    EXPECT_EQ(apf.dura_sample_time, sampl.timestamp);
+    EXPECT_EQ(sys_samp.current_sample, 42u);
+
+    const std::string second = sample();
+    const std::string log = card_file(APF_LOG_FILENAME);
+    const std::vector<std::string> lines = split(log, '\n');
+    ASSERT_EQ(lines.size(), 4u) << log; // header, two samples, and the end after the last line end
+    EXPECT_EQ(lines[0].rfind("Prefix,Type,Date Time,SampleNum,", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[3], "");
+    for (int i : {1, 2}) {
+        const std::string& reply_line = i == 1 ? first : second;
+        const std::string& log_line = lines[i];
+        SCOPED_TRACE(log_line);
+        // The log line is the reply after its prefix, with the buffer's earlier first seven bytes
+        // in front: here the start of the sample's own line ("#00000nn" cut to seven bytes).
+        EXPECT_EQ(log_line.substr(7), reply_line.substr(7, reply_line.size() - 9));
+        EXPECT_EQ(log_line.substr(0, 7), "#000004");
+        char prefix[8];
+        snprintf(prefix, sizeof prefix, "0x%04X,",
+                 fCrc16Bit(reinterpret_cast<const uint8_t*>(log_line.c_str())));
+        EXPECT_EQ(reply_line.substr(0, 7), prefix);
+    }
+    EXPECT_EQ(std::system(("fsck.fat -n " + image + " >/dev/null 2>&1").c_str()), 0);
+}
+
+// "SL" sends the last reply byte for byte, from FRAM, also once the RAM is gone.
+TEST_F(FloatCommandsOnCard, SendLastRepeatsTheReply) {
+    const std::string sent = sample();
+    EXPECT_EQ(stored().sendlast_byteCnt, sent.size());
+    EXPECT_EQ(reply(apf_send_last_pH, "sl"), sent);
+
+    // A new power-on period: RAM as a fresh start leaves it, the record loaded from FRAM.
+    sim::test::power_on(sim::WakeSource::power);
+    ASSERT_TRUE(sim::test::run(start_board).returned);
+    memset(&apf, 0, sizeof apf);
+    memset(prnBuf, 0, sizeof prnBuf);
+    GetVarsFromNVRAM();
+    EXPECT_EQ(reply(apf_send_last_pH, "sl"), sent);
+}
+
+// Without a card the reply goes out all the same.
+TEST_F(FloatCommands, PhReplyWithoutACard) {
+    apf.sys_sensor_mode = 2;
+    const std::string text = reply(apf_take_sample_pH, "t2");
+    EXPECT_EQ(text.find(",pH,01/01/26 "), 6u) << text;
+    EXPECT_EQ(apf.sendlast_byteCnt, text.size());
+    EXPECT_EQ(OpenApfLogFile(2), 1u);
+}
+
+} // namespace
