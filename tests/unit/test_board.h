@@ -11,7 +11,11 @@
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
+#include "board/bme280.h"
+#include "board/i2c0.h"
+#include "board/pcal6416.h"
 #include "board/pinmux.h"
+#include "storage/i2c_fram.h"
 
 namespace test_board {
 
@@ -23,6 +27,15 @@ inline void start_clocks(void) {
     SysTickIntEnable();
     SysTickEnable();
     IntMasterEnable();
+}
+
+// The clocks, then the I2C bus with the FRAM and the housing sensors, as init() brings them up.
+inline void start_board_with_sensors(void) {
+    start_clocks();
+    i2c0_init(0);
+    fram_init();
+    bme280_init();
+    pcal6416_init();
 }
 
 // Runs a shell command and returns what it wrote on stdout.

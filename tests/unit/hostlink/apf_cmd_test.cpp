@@ -41,14 +41,6 @@ using test_board::run_shell;
 
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
-void start_board(void) {
-    test_board::start_clocks();
-    i2c0_init(0);
-    fram_init();
-    bme280_init();
-    pcal6416_init();
-}
-
 std::vector<std::string> split(const std::string& text, char sep) {
     std::vector<std::string> parts;
     size_t from = 0;
@@ -75,7 +67,7 @@ class FloatCommands : public ::testing::Test {
         memset(prnBuf, 0, sizeof prnBuf);
         microSD_flg = 0;
         dbg_flag = 0;
-        ASSERT_TRUE(sim::test::run(start_board).returned);
+        ASSERT_TRUE(sim::test::run(test_board::start_board_with_sensors).returned);
         sys_data.baud_rate = 115200;
         initSysDataVariables();
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
@@ -408,7 +400,7 @@ TEST_F(FloatCommandsOnCard, SendLastRepeatsTheReply) {
 
     // A new power-on period: RAM as a fresh start leaves it, the record loaded from FRAM.
     sim::test::power_on(sim::WakeSource::power);
-    ASSERT_TRUE(sim::test::run(start_board).returned);
+    ASSERT_TRUE(sim::test::run(test_board::start_board_with_sensors).returned);
     memset(&apf, 0, sizeof apf);
     memset(prnBuf, 0, sizeof prnBuf);
     GetVarsFromNVRAM();

@@ -33,14 +33,6 @@ constexpr char silent_text[] =
     "CTD not responding with SBE37 data, check connection, make sure data config is SBE37";
 constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf size, ctd";
 
-void start_board(void) {
-    test_board::start_clocks();
-    i2c0_init(0);
-    fram_init();
-    bme280_init();
-    pcal6416_init();
-}
-
 double seconds_since(uint64_t t0) {
     return double(sim::now_ns() - t0) / double(sim::ns_per_s);
 }
@@ -54,7 +46,7 @@ class CtdSbe37 : public ::testing::Test {
         memset(&sys_data, 0, sizeof sys_data);
         memset(&sys_samp, 0, sizeof sys_samp);
         microSD_flg = 0;
-        ASSERT_TRUE(sim::test::run(start_board).returned);
+        ASSERT_TRUE(sim::test::run(test_board::start_board_with_sensors).returned);
         sys_data.baud_rate = 115200;
         initSysDataVariables();
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;

@@ -42,14 +42,6 @@ using test_board::run_shell;
 
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
-void start_board(void) {
-    test_board::start_clocks();
-    i2c0_init(0);
-    fram_init();
-    bme280_init();
-    pcal6416_init();
-}
-
 std::filesystem::path golden_path(const std::string& name) {
     return std::filesystem::path(__FILE__).parent_path() / "golden" / name;
 }
@@ -88,7 +80,7 @@ class SampleCycle : public ::testing::Test {
         memset(&sampl, 0, sizeof sampl);
         memset(uart3_prn_buf, 0, sizeof uart3_prn_buf);
         microSD_flg = 0;
-        ASSERT_TRUE(sim::test::run(start_board).returned);
+        ASSERT_TRUE(sim::test::run(test_board::start_board_with_sensors).returned);
         sys_data.baud_rate = 115200;
         initSysDataVariables();
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
