@@ -13,6 +13,7 @@
 #include "core/main.h"
 #include "core/sleep.h"
 #include "core/system.h"
+#include "core/timebase.h"
 #include "driverlib/hibernate.h"
 #include "hostlink/serial.h"
 #include "hostlink/serial_cmd.h"
@@ -198,26 +199,13 @@ void ask_pump_settings(void) {
     }
 }
 
-// Calendar fields typed by the operator to RTC seconds; 0 when a field is out of range. The
-// board's calendar is UTC without daylight saving.
+// Calendar fields typed by the operator to RTC seconds; 0 when a field is out of range.
 uint32_t seconds_from_fields(int mon, int day, int year, int hour, int min, int sec) {
-    if (mon < 1 || mon > 12 || day < 1 || day > 31 || year < 0 || hour < 0 || hour > 23 || min < 0 ||
-        min > 59 || sec < 0 || sec > 59) {
+    if (year < 0 || year > 99 || day < 1 || static_cast<uint32_t>(day) > days_in_month(year + 2000, mon) ||
+        hour < 0 || hour > 23 || min < 0 || min > 59 || sec < 0 || sec > 59) {
         return 0;
     }
-    struct tm cal = {};
-    cal.tm_year = year + 100;
-    cal.tm_mon = mon - 1;
-    cal.tm_mday = day;
-    cal.tm_hour = hour;
-    cal.tm_min = min;
-    cal.tm_sec = sec;
-    cal.tm_isdst = 0;
-    time_t t = mktime(&cal);
-    if (t <= 0 || cal.tm_mday != day) {
-        return 0;
-    }
-    return static_cast<uint32_t>(t);
+    return rtc_seconds_of(year + 2000, mon, day, hour, min, sec);
 }
 } // namespace
 

@@ -109,3 +109,24 @@ void error_store(const char* message) {
         uprintf("Error.txt f_close error: %s\r\n", StringFromFresult(fr));
     }
 }
+
+// In 2000..2099 every fourth year is a leap year, 2000 included.
+uint32_t rtc_seconds_of(int year, int month, int day, int hour, int minute, int second) {
+    static constexpr uint16_t days_before_month[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    uint32_t years = static_cast<uint32_t>(year - 1970);
+    uint32_t leap_days = static_cast<uint32_t>(year - 1 - 1968) / 4; // leap years from 1970 to year - 1
+    uint32_t days = years * 365 + leap_days + days_before_month[month - 1] + static_cast<uint32_t>(day - 1);
+    if (month > 2 && year % 4 == 0) {
+        days++;
+    }
+    return ((days * 24 + static_cast<uint32_t>(hour)) * 60 + static_cast<uint32_t>(minute)) * 60 +
+           static_cast<uint32_t>(second);
+}
+
+uint32_t days_in_month(int year, int month) {
+    static constexpr uint8_t days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (month < 1 || month > 12) {
+        return 0;
+    }
+    return days[month - 1] + (month == 2 && year % 4 == 0 ? 1 : 0);
+}

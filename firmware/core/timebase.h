@@ -23,5 +23,11 @@ void delay_sec(uint32_t s);
 // Calendar time of the RTC seconds (the runtime's static localtime result).
 struct tm* get_RTC_time(void);
 
+// RTC seconds of a calendar time in 2000..2099 (the RTC keeps UTC, no daylight saving). The fields
+// are taken as given: callers check their ranges.
+uint32_t rtc_seconds_of(int year, int month, int day, int hour, int minute, int second);
+// Days in a month of a year in 2000..2099; 0 for a month outside 1..12.
+uint32_t days_in_month(int year, int month);
+
 // Appends "\r\n<timestamp> <message>" to Error.txt on the card.
 void error_store(const char* message);

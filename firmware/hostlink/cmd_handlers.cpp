@@ -103,32 +103,6 @@ uint32_t read_unsigned(const char* p) {
     return value;
 }
 
-// "%13llu" by hand: the board's printf has no 64-bit conversions.
-void print_u64_13(unsigned long long v) {
-    char digits[21];
-    size_t n = sizeof digits - 1;
-    digits[n] = '\0';
-    do {
-        digits[--n] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v != 0 && n > 0);
-    uprintf("%13s", digits + n);
-}
-
-// RTC seconds of a calendar time in 2000..2099, UTC (the RTC keeps UTC; no daylight saving). In
-// that century every fourth year is a leap year, 2000 included.
-uint32_t rtc_seconds_of(int year, int month, int day, int hour, int minute, int second) {
-    static constexpr uint16_t days_before_month[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
-    uint32_t years = static_cast<uint32_t>(year - 1970);
-    uint32_t leap_days = static_cast<uint32_t>(year - 1 - 1968) / 4; // leap years from 1970 to year - 1
-    uint32_t days = years * 365 + leap_days + days_before_month[month - 1] + static_cast<uint32_t>(day - 1);
-    if (month > 2 && year % 4 == 0) {
-        days++;
-    }
-    return ((days * 24 + static_cast<uint32_t>(hour)) * 60 + static_cast<uint32_t>(minute)) * 60 +
-           static_cast<uint32_t>(second);
-}
-
 bool word_at(const char* p, const char* word, size_t n) {
     return strncmp(p, word, n) == 0;
 }
@@ -279,9 +253,9 @@ void cmd_get_timestamp(void) {
 void cmd_test_timestamp(uint8_t arg) {
     (void)arg;
     if (sys_data.data_cfg[CFG_TIMESTAMP] == 2) {
-        unsigned long long ms =
-            static_cast<unsigned long long>(HibernateRTCGet()) * 1000ULL - 2208963602000ULL;
-        print_u64_13(ms);
+        char text[16];
+        format_ms_timestamp(text, sizeof text, HibernateRTCGet());
+        uprintf("%s", text);
     } else if (sys_data.data_cfg[CFG_TIMESTAMP] == 1) {
         char text[32];
         const struct tm* cal = get_RTC_time();

@@ -88,8 +88,7 @@ void format_time_column(char* text, size_t size) {
             strftime(text, size, "%m/%d/%Y %H:%M:%S", cal);
         }
     } else if (sys_data.data_cfg[CFG_TIMESTAMP] == 2) {
-        unsigned long long ms = static_cast<unsigned long long>(sampl.timestamp) * 1000ULL - 2208963602000ULL;
-        format_u64_13(text, size, ms);
+        format_ms_timestamp(text, size, sampl.timestamp);
     }
 }
 
@@ -164,8 +163,7 @@ void stamp_time() {
     unsigned char mode = sys_data.data_cfg[CFG_TIMESTAMP];
     if (mode == 2) {
         sampl.timestamp = HibernateRTCGet();
-        unsigned long long ms = static_cast<unsigned long long>(sampl.timestamp) * 1000ULL - 2208963602000ULL;
-        format_u64_13(time_text, sizeof time_text, ms);
+        format_ms_timestamp(time_text, sizeof time_text, sampl.timestamp);
     } else if (mode == 1) {
         sampl.timestamp = HibernateRTCGet();
         struct tm* cal = get_RTC_time();
@@ -672,4 +670,10 @@ int print_sampBuf(void) {
         return 0;
     }
     return UARTwrite(prnBuf, static_cast<uint32_t>(len));
+}
+
+// The millisecond count is on the epoch the host software expects: this constant, not the exact
+// 1900-1970 offset.
+void format_ms_timestamp(char* text, size_t size, uint32_t rtc_seconds) {
+    format_u64_13(text, size, static_cast<unsigned long long>(rtc_seconds) * 1000ULL - 2208963602000ULL);
 }

@@ -106,5 +106,8 @@ int uart4_stateMachine(int state);
 void print_sampl(void);
 // The FRAM copy of the last sample, formatted and sent as it stands (no line end).
 void send_last_sample(void);
+// The time column's millisecond form of RTC seconds, "%13llu" wide (the board's printf has no 64-bit
+// conversions).
+void format_ms_timestamp(char* text, size_t size, uint32_t rtc_seconds);
 // Sends prnBuf as it stands; returns the bytes written.
 int print_sampBuf(void);

@@ -292,6 +292,7 @@ class DeployStartTest : public MenuTest {
         sim::test::clear_console_output();
     }
     void TearDown() override {
+        f_unmount("");
         sim::sd_set_image("");
         unlink(image.c_str());
     }
