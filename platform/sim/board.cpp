@@ -13,6 +13,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -86,9 +87,10 @@ bool parse_number(const std::string& v, uint64_t& out) {
     return true;
 }
 
-} // namespace
-
-bool load_rtc(const std::string& path, HibState& h) {
+// Calls fn(line number, key, value) for each `key = value` line of the file; blank and comment
+// lines are skipped, malformed ones reported. False when the file cannot be read.
+bool for_each_setting(const std::string& path,
+                      const std::function<void(int n, const std::string& key, std::string& value)>& fn) {
     std::string text;
     if (!read_file(path, text)) {
         return false;
@@ -105,9 +107,17 @@ bool load_rtc(const std::string& path, HibState& h) {
             message("%s:%d: not `key = value`, ignored", path.c_str(), n);
             continue;
         }
-        if (blank) {
-            continue;
+        if (!blank) {
+            fn(n, key, value);
         }
+    }
+    return true;
+}
+
+} // namespace
+
+bool load_rtc(const std::string& path, HibState& h) {
+    return for_each_setting(path, [&](int n, const std::string& key, std::string& value) {
         if (key == "data") {
             std::istringstream words(value);
             std::string w;
@@ -117,12 +127,12 @@ bool load_rtc(const std::string& path, HibState& h) {
                     h.data[i] = static_cast<uint32_t>(v);
                 }
             }
-            continue;
+            return;
         }
         uint64_t v = 0;
         if (!parse_number(value, v)) {
             message("%s:%d: bad number for %s, ignored", path.c_str(), n, key.c_str());
-            continue;
+            return;
         }
         if (key == "rtc_seconds") {
             h.rtc_seconds = static_cast<uint32_t>(v);
@@ -147,8 +157,7 @@ bool load_rtc(const std::string& path, HibState& h) {
         } else {
             message("%s:%d: unknown key %s, ignored", path.c_str(), n, key.c_str());
         }
-    }
-    return true;
+    });
 }
 
 bool save_rtc(const std::string& path, const HibState& h) {
@@ -187,25 +196,7 @@ bool save_rtc(const std::string& path, const HibState& h) {
 }
 
 void load_scenario(const std::string& path) {
-    std::string text;
-    if (!read_file(path, text)) {
-        return;
-    }
-    std::istringstream in(text);
-    std::string line;
-    int n = 0;
-    while (std::getline(in, line)) {
-        ++n;
-        std::string key;
-        std::string value;
-        bool blank = false;
-        if (!split_line(line, key, value, blank)) {
-            message("%s:%d: not `key = value`, ignored", path.c_str(), n);
-            continue;
-        }
-        if (blank) {
-            continue;
-        }
+    for_each_setting(path, [&](int n, const std::string& key, std::string& value) {
         if (!value.empty() && value[0] == '"') {
             size_t pos = 0;
             std::string unquoted;
@@ -213,16 +204,16 @@ void load_scenario(const std::string& path) {
             if (!script::parse_text(value, pos, unquoted, error) || pos != value.size()) {
                 message("%s:%d: %s", path.c_str(), n,
                         error.empty() ? "text after the quotes" : error.c_str());
-                continue;
+                return;
             }
             value = unquoted;
         }
         if (!scenario_set(key, value)) {
             message("%s:%d: key or value too long (or too many keys), ignored", path.c_str(), n);
-            continue;
+            return;
         }
         scenario_apply(key);
-    }
+    });
 }
 
 std::string scenario_template() {

@@ -4,8 +4,13 @@
 
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "driverlib/interrupt.h"
@@ -72,6 +77,30 @@ inline std::string make_card_image(const std::string& tag) {
         return "";
     }
     return name;
+}
+
+// A whole file's bytes (empty when it cannot be read).
+inline std::string read_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A golden file in the "golden" folder beside the test source (pass __FILE__).
+inline std::filesystem::path golden_path(const char* test_file, const std::string& name) {
+    return std::filesystem::path(test_file).parent_path() / "golden" / name;
+}
+
+// Compares actual with its golden file; HXC3_UPDATE_GOLDEN=1 writes the file first.
+inline void expect_golden(const char* test_file, const std::string& name, const std::string& actual) {
+    const std::filesystem::path path = golden_path(test_file, name);
+    if (getenv("HXC3_UPDATE_GOLDEN") != nullptr) {
+        std::filesystem::create_directories(path.parent_path());
+        std::ofstream(path, std::ios::binary) << actual;
+    }
+    ASSERT_TRUE(std::filesystem::exists(path)) << "missing golden file " << path;
+    EXPECT_EQ(actual, read_file(path)) << "golden file " << name;
 }
 
 } // namespace test_board

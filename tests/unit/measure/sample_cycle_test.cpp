@@ -42,27 +42,6 @@ using test_board::run_shell;
 
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
-std::filesystem::path golden_path(const std::string& name) {
-    return std::filesystem::path(__FILE__).parent_path() / "golden" / name;
-}
-
-std::string read_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void expect_golden(const std::string& name, const std::string& actual) {
-    const std::filesystem::path path = golden_path(name);
-    if (getenv("HXC3_UPDATE_GOLDEN") != nullptr) {
-        std::filesystem::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << actual;
-    }
-    ASSERT_TRUE(std::filesystem::exists(path)) << "missing golden file " << path;
-    EXPECT_EQ(actual, read_file(path)) << "golden file " << name;
-}
-
 std::string fmt(const char* format, double v) {
     char text[64];
     snprintf(text, sizeof text, format, v);
@@ -192,13 +171,13 @@ TEST_F(SampleCycle, LiveLineAgainstLastSampleLine) {
 TEST_F(SampleCycle, GoldenLines) {
     set_bath(8.1, 10.0, 33.0);
     get_sample(0, 0); // the housing sensors' first reading is the subject of its own test
-    expect_golden("live_defaults.txt", sample_console());
+    test_board::expect_golden(__FILE__, "live_defaults.txt", sample_console());
 
     enable_all_adc_columns();
     sys_data.data_cfg[CFG_TIMESTAMP] = 2;
     sys_data.pump_seq_type = 2;
     pump_var_init();
-    expect_golden("live_all_columns.txt", sample_console());
+    test_board::expect_golden(__FILE__, "live_all_columns.txt", sample_console());
 
     memset(sys_data.data_cfg, 0, sizeof sys_data.data_cfg);
     sys_data.data_cfg[CFG_SAMPLE_NUM] = 1;

@@ -35,26 +35,6 @@ using test_board::run_shell;
 
 constexpr uint32_t T0 = 1767225600; // 2026-01-01 00:00:00 UTC
 
-std::filesystem::path golden_path(const std::string& name) {
-    return std::filesystem::path(__FILE__).parent_path() / "golden" / name;
-}
-
-std::string read_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void expect_golden(const std::string& name, const std::string& actual) {
-    const std::filesystem::path path = golden_path(name);
-    if (getenv("HXC3_UPDATE_GOLDEN") != nullptr) {
-        std::ofstream(path, std::ios::binary) << actual;
-    }
-    ASSERT_TRUE(std::filesystem::exists(path)) << "missing golden file " << path;
-    EXPECT_EQ(actual, read_file(path)) << "golden file " << name;
-}
-
 void set_text(unsigned char* field, size_t size, const char* text) {
     memset(field, 0, size);
     strncpy(reinterpret_cast<char*>(field), text, size - 1);
@@ -134,7 +114,7 @@ class DataFile : public ::testing::Test {
 // ---------------------------------------------------------------- metadata header, console copy
 
 TEST_F(DataFile, MetadataHeaderOfFactoryDefaults) {
-    expect_golden("metadata_defaults.txt", console_metadata());
+    test_board::expect_golden(__FILE__, "metadata_defaults.txt", console_metadata());
 }
 
 // Steinhart-Hart coefficients, with the other two-way choices on their non-default side: hour
@@ -147,7 +127,7 @@ TEST_F(DataFile, MetadataHeaderSteinhartHart) {
     sys_data.GMT = 1;
     sys_data.sampleCnt_duty_on = 4;
     sys_data.sampleCnt_duty_off = 8;
-    expect_golden("metadata_steinhart_hart.txt", console_metadata());
+    test_board::expect_golden(__FILE__, "metadata_steinhart_hart.txt", console_metadata());
 }
 
 TEST_F(DataFile, MetadataHeaderPumpVariants) {
@@ -160,15 +140,15 @@ TEST_F(DataFile, MetadataHeaderPumpVariants) {
     sys_data.pump_seq_type = 1;
     sys_data.test_mode = 1;
     sys_data.start_pump_time = T0 + 3600 + 61;
-    expect_golden("metadata_pump_single_test.txt", console_metadata());
+    test_board::expect_golden(__FILE__, "metadata_pump_single_test.txt", console_metadata());
 
     sys_data.test_mode = 0;
     sys_data.start_pump_time = 0;
     sys_data.pump_seq_type = 2;
-    expect_golden("metadata_pump_beamsv1.txt", console_metadata());
+    test_board::expect_golden(__FILE__, "metadata_pump_beamsv1.txt", console_metadata());
 
     sys_data.pump_seq_type = 5; // BEAMSV2 and then SELFCAL
-    expect_golden("metadata_pump_selfcal.txt", console_metadata());
+    test_board::expect_golden(__FILE__, "metadata_pump_selfcal.txt", console_metadata());
 }
 
 // Lines that appear only for some values: the pump's sequence types, the output modes.
@@ -213,7 +193,7 @@ TEST_F(DataFile, DataFieldBlockAloneHasNoPrefix) {
     clear_out();
     print_config_data_fields();
     const std::string block = out();
-    expect_golden("data_fields_defaults.txt", block);
+    test_board::expect_golden(__FILE__, "data_fields_defaults.txt", block);
     // Inside the metadata header the same lines carry "// ".
     std::string padded;
     std::istringstream lines(block);
@@ -236,13 +216,13 @@ TEST_F(DataFile, DataFieldBlockEpochMilliseconds) {
 // ---------------------------------------------------------------- data header
 
 TEST_F(DataFile, DataHeaderColumns) {
-    expect_golden("data_header_defaults.txt", console_data_header());
+    test_board::expect_golden(__FILE__, "data_header_defaults.txt", console_data_header());
 
     memset(sys_data.data_cfg, 1, CFG_UART3_INST);
     sys_data.data_cfg[CFG_UART3_INST] = 1; // optode
     sys_data.data_cfg[CFG_UART4_INST] = 6; // SBE37
     sys_data.pump_seq_type = 2;
-    expect_golden("data_header_all.txt", console_data_header());
+    test_board::expect_golden(__FILE__, "data_header_all.txt", console_data_header());
 
     memset(sys_data.data_cfg, 0, sizeof sys_data.data_cfg);
     sys_data.pump_seq_type = 1;
@@ -265,7 +245,7 @@ TEST_F(DataFile, DataHeaderInstrumentGroups) {
         sys_data.data_cfg[CFG_UART4_INST] = static_cast<uint8_t>(port3 + 3); // 3..8: only 6, 7 have columns
         headers += console_data_header();
     }
-    expect_golden("data_header_instruments.txt", headers);
+    test_board::expect_golden(__FILE__, "data_header_instruments.txt", headers);
 
     // The longest header there is fits whole.
     memset(sys_data.data_cfg, 1, CFG_UART3_INST);
@@ -433,7 +413,7 @@ class DataFileOnCard : public DataFile {
 TEST_F(DataFileOnCard, HeadersAppendedAsOnTheConsole) {
     EXPECT_FALSE(print_write_metadata_header(1, 1));
     const std::string first = out();
-    EXPECT_EQ(first, read_file(golden_path("metadata_defaults.txt")));
+    EXPECT_EQ(first, test_board::read_file(test_board::golden_path(__FILE__, "metadata_defaults.txt")));
     std::string file = as_filed(first);
     EXPECT_NE(file, first);
     EXPECT_EQ(sys_samp.next_gdata_fptr, file.find("// A -- Sample Num"));
@@ -451,7 +431,8 @@ TEST_F(DataFileOnCard, HeadersAppendedAsOnTheConsole) {
     clear_out();
     EXPECT_FALSE(print_write_data_header(1, 1));
     const std::string data_header = out();
-    EXPECT_EQ(data_header, read_file(golden_path("data_header_defaults.txt")));
+    EXPECT_EQ(data_header,
+              test_board::read_file(test_board::golden_path(__FILE__, "data_header_defaults.txt")));
     file += data_header;
     EXPECT_EQ(sys_samp.next_gdata_fptr, file.size());
     EXPECT_EQ(card_file("NONAME.TXT"), file);
