@@ -1,5 +1,5 @@
 # Thin front end over the CMake presets. See README.md.
-.PHONY: run test target bench host host-release deps clean
+.PHONY: run test target flash bench host host-release deps clean
 
 run:
 	cmake --preset host >/dev/null
@@ -13,8 +13,14 @@ target:
 	cmake --preset target >/dev/null
 	cmake --build --preset target
 	@cmake -DSIZE_TOOL=arm-none-eabi-size -DELF=build/target/hxc3.elf -P platform/tm4c123/image_size.cmake
+	@cat build/target/hxc3.stack
 
-bench: host-release
+# Writes the image through the In-Circuit Debug Interface (ICDI) on USB and reads it back.
+flash: target
+	@command -v lm4flash >/dev/null || { echo "make flash: lm4flash not found (Debian package lm4flash)" >&2; exit 1; }
+	@lm4flash -v build/target/hxc3.bin || { echo "make flash: lm4flash failed: is the board connected?" >&2; exit 1; }
+
+bench: host-release target
 	cmake --build --preset host-release --target hxc3_bench
 	./build/host-release/bench/hxc3_bench
 

@@ -38,6 +38,38 @@ constexpr uint32_t BANK_SR = 0x500;
 constexpr uint32_t BANK_RCGC = 0x600;
 constexpr uint32_t BANK_PR = 0xA00;
 
+// Set when the last SysCtlClockSet had to fall back to the internal oscillator.
+bool clock_set_failed = false;
+
+// Bounded wait for a raw interrupt status flag (oscillator ready, PLL lock).
+bool wait_for_status(uint32_t flag, uint32_t loops) {
+    for (uint32_t i = 0; i < loops; ++i) {
+        if (HWREG(SYSCTL_RIS) & flag) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A dead crystal or a PLL that never locks would stop the processor if the clock switched to them.
+// The precision internal oscillator needs nothing outside the chip: run from it undivided, 16 MHz,
+// bypassing the PLL. The source changes first; the main oscillator and the PLL are powered down
+// only once nothing runs from them.
+void fall_back_to_piosc(uint32_t rcc, uint32_t rcc2) {
+    rcc &= ~(SYSCTL_RCC_OSCSRC_M | SYSCTL_RCC_USESYSDIV | SYSCTL_RCC_IOSCDIS);
+    rcc |= SYSCTL_RCC_OSCSRC_INT | SYSCTL_RCC_BYPASS;
+    rcc2 &= ~SYSCTL_RCC2_OSCSRC2_M;
+    rcc2 |= SYSCTL_RCC2_OSCSRC2_IO | SYSCTL_RCC2_BYPASS2;
+    HWREG(SYSCTL_RCC2) = rcc2;
+    HWREG(SYSCTL_RCC) = rcc;
+    SysCtlDelay(16);
+
+    // A later SysCtlClockSet powers the main oscillator up again and waits for it afresh.
+    HWREG(SYSCTL_RCC) = rcc | SYSCTL_RCC_PWRDN | SYSCTL_RCC_MOSCDIS;
+    HWREG(SYSCTL_RCC2) = rcc2 | SYSCTL_RCC2_PWRDN2;
+    clock_set_failed = true;
+}
+
 uint32_t crystal_hz(uint32_t rcc) {
     uint32_t code = (rcc & SYSCTL_RCC_XTAL_M) >> SYSCTL_RCC_XTAL_S;
     if (code < XTAL_FIRST_CODE || code - XTAL_FIRST_CODE >= sizeof(XTAL_HZ) / sizeof(XTAL_HZ[0])) {
@@ -82,15 +114,15 @@ void SysCtlClockSet(uint32_t ui32Config) {
     HWREG(SYSCTL_RCC2) = rcc2;
 
     // Start the main oscillator if it is wanted and stopped, and let it settle.
+    clock_set_failed = false;
     bool main_osc = (ui32Config & 0x38) == SYSCTL_OSC_MAIN;
     if ((rcc & SYSCTL_RCC_MOSCDIS) && main_osc && (ui32Config & SYSCTL_MAIN_OSC_DIS) == 0) {
         HWREG(SYSCTL_MISC) = SYSCTL_MISC_MOSCPUPMIS;
         rcc &= ~SYSCTL_RCC_MOSCDIS;
         HWREG(SYSCTL_RCC) = rcc;
-        for (uint32_t i = 0; i < OSC_WAIT_LOOPS; ++i) {
-            if (HWREG(SYSCTL_RIS) & SYSCTL_RIS_MOSCPUPRIS) {
-                break;
-            }
+        if (!wait_for_status(SYSCTL_RIS_MOSCPUPRIS, OSC_WAIT_LOOPS)) {
+            fall_back_to_piosc(rcc, rcc2);
+            return;
         }
     }
 
@@ -126,10 +158,9 @@ void SysCtlClockSet(uint32_t ui32Config) {
     // Wait for lock before the PLL drives the system clock.
     bool use_pll = (ui32Config & SYSCTL_RCC_BYPASS) == 0 && (ui32Config & SYSCTL_RCC_PWRDN) == 0;
     if (use_pll) {
-        for (uint32_t i = 0; i < PLL_WAIT_LOOPS; ++i) {
-            if (HWREG(SYSCTL_RIS) & SYSCTL_RIS_PLLLRIS) {
-                break;
-            }
+        if (!wait_for_status(SYSCTL_RIS_PLLLRIS, PLL_WAIT_LOOPS)) {
+            fall_back_to_piosc(rcc, rcc2);
+            return;
         }
         rcc &= ~SYSCTL_RCC_BYPASS;
         rcc2 &= ~SYSCTL_RCC2_BYPASS2;
@@ -138,6 +169,10 @@ void SysCtlClockSet(uint32_t ui32Config) {
     HWREG(SYSCTL_RCC) = rcc;
     HWREG(SYSCTL_RCC2) = rcc2;
     SysCtlDelay(16);
+}
+
+bool SysCtlClockSetFailed(void) {
+    return clock_set_failed;
 }
 
 uint32_t SysCtlClockGet(void) {

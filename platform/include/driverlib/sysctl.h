@@ -237,6 +237,10 @@ extern "C" {
 
 void SysCtlClockSet(uint32_t ui32Config);
 uint32_t SysCtlClockGet(void);
+/* This board's addition, not in TivaWare: true when the last SysCtlClockSet could not give the
+   requested clock (the main oscillator did not start or the PLL did not lock) and the chip runs from
+   the 16 MHz internal oscillator instead; SysCtlClockGet reports that clock. */
+bool SysCtlClockSetFailed(void);
 void SysCtlPeripheralEnable(uint32_t ui32Peripheral);
 void SysCtlPeripheralDisable(uint32_t ui32Peripheral);
 bool SysCtlPeripheralReady(uint32_t ui32Peripheral);
