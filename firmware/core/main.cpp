@@ -37,6 +37,9 @@ constexpr uint32_t hib_used_interrupts =
     HIBERNATE_INT_RTC_MATCH_0 | HIBERNATE_INT_LOW_BAT | HIBERNATE_INT_PIN_WAKE | HIBERNATE_INT_WR_COMPLETE;
 static_assert(hib_used_interrupts == 0x1D);
 
+// Error-log code of a start on the internal oscillator because the crystal or the PLL failed.
+constexpr int32_t clock_fallback_error = -120;
+
 // Time for the hibernation module's 32.768 kHz oscillator to settle after its configuration,
 // before the RTC is started. Only spent on a start that was not a pin or RTC wake.
 constexpr uint32_t hib_settle_ms = 100;
@@ -47,6 +50,18 @@ void console_baud_from_settings(void) {
         return;
     }
     UARTStdioConfig(0, rate, 16000000);
+}
+
+// A board whose crystal or PLL failed runs at 16 MHz instead of 50: the dividers follow
+// g_ui32SysClock, but busy-wait delays counted for 50 MHz last three times as long, and the operator
+// should know why. Logged only once the float-controller record is loaded (the log call stores that
+// record whole) and the card is mounted; the warning is printed here, so the log's echo stays off.
+void report_clock_fallback(void) {
+    if (!SysCtlClockSetFailed()) {
+        return;
+    }
+    uprintf("\r\nWarning: the PLL did not lock, running on the 16 MHz internal oscillator\r\n");
+    LogErrorMsg("PLL did not lock, running on the 16 MHz internal oscillator", clock_fallback_error, 0);
 }
 
 void init_microsd(void) {
@@ -167,6 +182,7 @@ void init(void) {
 
     init_microsd();
     init_hxc();
+    report_clock_fallback();
     pump_var_init();
 }
 
@@ -213,12 +229,16 @@ int IOPwrDown(void) {
 // out of hibernation, or a reset kept the module running, and its status tells what woke the chip.
 // A power-up finds it stopped: no status is read, the source is WAKE_NOTSET (main then ends a
 // deployment), and the module is set up for first use.
+// The module's clock enable survives hibernation and resets but not a power-up, so it is read
+// before the firmware enables the module itself: asked afterwards it would always answer "active",
+// and a power cycle of a deployed board would look like a wake and carry on the deployment.
 uint32_t wake_handler(void) {
     SysCtlPeripheralEnable(SYSCTL_PERIPH_HIBERNATE);
+    bool came_from_hibernation = HibernateIsActive() != 0;
     HibernateEnableExpClk(g_ui32SysClock);
     uint32_t status = 0;
     uint32_t source = WAKE_NOTSET;
-    if (HibernateIsActive()) {
+    if (came_from_hibernation) {
         status = HibernateIntStatus(false);
         HibernateIntClear(status);
         source = classify_wake(status);

@@ -2,6 +2,8 @@
 # Runs one system test on a new board: NAME.setup (optional) prepares the board, hxc3-sim plays
 # NAME.sim, NAME.check (optional) looks at what the board kept. Both helpers get the simulator and
 # the board directory as $1 and $2. Set KEEP_BOARD=1 to keep the board directory for a look.
+# With HXC3_IMAGE set to a target ELF, every run of the simulator (setup and check included) runs
+# that image on the emulated chip instead of the host-compiled firmware.
 set -u
 
 if [ $# -ne 2 ]; then
@@ -36,6 +38,14 @@ fail() {
     show_board
     exit 1
 }
+
+if [ -n "${HXC3_IMAGE:-}" ]; then
+    [ -f "$HXC3_IMAGE" ] || { echo "FAIL $name: no image $HXC3_IMAGE (make target builds it)" >&2; exit 1; }
+    real_sim=$sim
+    sim=$board/hxc3-sim-image
+    printf '#!/bin/sh\nexec "%s" --image "%s" "$@"\n' "$real_sim" "$HXC3_IMAGE" > "$sim"
+    chmod +x "$sim"
+fi
 
 if [ -f "$dir/$name.setup" ]; then
     bash "$dir/$name.setup" "$sim" "$board" || fail "$name.setup failed"

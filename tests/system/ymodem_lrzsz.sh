@@ -14,6 +14,11 @@ if [ $# -ne 2 ]; then
     exit 2
 fi
 sim=$1
+# With HXC3_IMAGE set to a target ELF the board runs that image on the emulated chip.
+image_args=()
+if [ -n "${HXC3_IMAGE:-}" ]; then
+    image_args=(--image "$HXC3_IMAGE")
+fi
 case_name=$2
 for tool in sb rb mcopy mdir; do
     command -v $tool >/dev/null || { echo "FAIL ymodem $case_name: $tool is not installed" >&2; exit 1; }
@@ -95,12 +100,12 @@ type_text() {
 
 # A board directory at a fixed time, with its card image, before the simulator runs on it for real.
 new_board() {
-    "$sim" --board "$board" --time "2026-01-01 00:00:00" --run-for 1 --quiet </dev/null 2>/dev/null ||
+    "$sim" "${image_args[@]}" --board "$board" --time "2026-01-01 00:00:00" --run-for 1 --quiet </dev/null 2>/dev/null ||
         fail "the simulator could not create a board"
 }
 
 start_sim() {
-    "$sim" --pty --board "$board" 2>"$work/sim.err" &
+    "$sim" "${image_args[@]}" --pty --board "$board" 2>"$work/sim.err" &
     sim_pid=$!
     local pty="" i
     for i in $(seq 50); do

@@ -266,6 +266,9 @@ std::string scenario_template() {
 # board.bme280.id = 96
 # board.ina260 = 1
 # board.pcal6416 = 1
+
+# 0: the 16 MHz crystal does not oscillate; the clock set-up falls back to the internal oscillator.
+# board.xtal = 1
 )";
 }
 

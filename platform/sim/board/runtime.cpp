@@ -27,6 +27,7 @@ std::string g_board_dir;
 const script::Script* g_script = nullptr;
 
 bool g_in_advance = false;
+uint32_t (*g_stack_probe)() = nullptr;
 bool g_script_due = true;   // console output arrived or a period began: step the script now
 uint64_t g_script_next = 0; // virtual time the script wants to run again
 uint64_t g_next_poll = 0;   // next call of the host's poll
@@ -134,7 +135,7 @@ void run_due_events() {
     Core& c = g_core;
     uint64_t now = shared().now_ns;
     if (c.systick_enabled && c.systick_next_ns <= now) {
-        c.systick_next_ns += static_cast<uint64_t>(c.systick_period) * ns_per_cycle;
+        c.systick_next_ns += systick_period_ns();
         if (c.systick_int) {
             set_pending(systick_vector, true);
         }
@@ -388,6 +389,9 @@ void nvic_enable(int vector, bool on) {
 
 void dispatch_interrupts() {
     Core& c = g_core;
+    if (c.emulated) {
+        return; // the emulated processor takes them between its instructions
+    }
     while (c.maybe_ready && !c.masked && !c.in_handler) {
         std::bitset<num_vectors> ready = c.pending & c.enabled;
         if (ready.none()) {
@@ -420,6 +424,24 @@ void wait_for_interrupt() {
     }
 }
 
+uint64_t next_event_ns() {
+    return next_event_time();
+}
+
+// The emulated processor runs at the clock its registers select; the host build's processor always
+// runs at ns_per_cycle, whatever clock the firmware set (it only reads the setting back).
+uint64_t systick_period_ns() {
+    if (!g_core.emulated) {
+        return static_cast<uint64_t>(g_core.systick_period) * ns_per_cycle;
+    }
+    uint32_t hz = g_core.clock_hz ? g_core.clock_hz : 16000000;
+    return static_cast<uint64_t>(g_core.systick_period) * ns_per_s / hz;
+}
+
+void set_stack_probe(uint32_t (*probe)()) {
+    g_stack_probe = probe;
+}
+
 void core_reset() {
     Core& c = g_core;
     c = Core{};
@@ -427,6 +449,8 @@ void core_reset() {
         c.enabled.set(static_cast<size_t>(v));
     }
     c.clock_hz = 16000000; // the precision internal oscillator until SysCtlClockSet
+    // The hibernation module's run-mode clock gate is the one that comes out of reset open.
+    c.periph_enabled[c.periph_count++] = 0xF0001400; // SYSCTL_PERIPH_HIBERNATE
     install_vectors();
 }
 
@@ -538,8 +562,8 @@ void begin_period(WakeSource src) {
     g_script_due = true;
     g_next_poll = s.now_ns;
     g_in_advance = false;
+    g_stack_probe = nullptr;
     core_reset();
-    g_core.hib_active_at_start = s.hib.active != 0;
     // SYSCTL_CAUSE_SW, SYSCTL_CAUSE_EXT (the watchdog pulls the reset line), SYSCTL_CAUSE_POR.
     g_core.reset_cause = src == WakeSource::reset ? 0x10 : src == WakeSource::watchdog ? 0x01 : 0x02;
 }
@@ -555,12 +579,16 @@ std::string end_period() {
     gmtime_r(&start, &t);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &t);
-    char line[160];
-    std::snprintf(line, sizeof line, "%s,%s,%llu,%llu,%llu,%llu", stamp, wake_name(s.wake),
+    char stack[16] = "";
+    if (g_stack_probe) {
+        std::snprintf(stack, sizeof stack, "%u", g_stack_probe());
+    }
+    char line[192];
+    std::snprintf(line, sizeof line, "%s,%s,%llu,%llu,%llu,%llu,%s", stamp, wake_name(s.wake),
                   static_cast<unsigned long long>((s.now_ns - s.period_start_ns) / ns_per_ms),
                   static_cast<unsigned long long>(s.stats.sd_reads),
                   static_cast<unsigned long long>(s.stats.sd_writes),
-                  static_cast<unsigned long long>(s.stats.tx_bytes));
+                  static_cast<unsigned long long>(s.stats.tx_bytes), stack);
     return line;
 }
 

@@ -99,11 +99,13 @@ struct Core {
     static constexpr int max_periph = 64;
     uint32_t periph_enabled[max_periph];
     int periph_count;
-    // The hibernation module was running when this period began (HibernateIsActive).
-    bool hib_active_at_start;
     // FPU.
     bool fpu_enabled;
     bool fpu_lazy_stacking;
+    // The image runs on the emulated processor, which takes its interrupts itself.
+    bool emulated;
+    // The host build runs the firmware's hard-fault handler (a fault inside it locks up).
+    bool in_fault_handler;
 };
 Core& core();
 // The chip as after a reset: clocks at the internal oscillator, nothing enabled, the fixed vector
@@ -117,6 +119,10 @@ void leave_event_loop();
 void dispatch_interrupts();
 // SysCtlSleep: lets time pass until an interrupt is pending.
 void wait_for_interrupt();
+// The next virtual time at which anything is due: a device, SysTick, the watchdog or the world.
+uint64_t next_event_ns();
+// SysTick's period in virtual time at the current system clock.
+uint64_t systick_period_ns();
 
 // ---------------------------------------------------------------- the RTC
 // Brings the RTC counter up to the current virtual time; a counter passing match 0 sets the raw
@@ -147,6 +153,9 @@ void connect_console();
 void begin_period(WakeSource src);
 // The line --stats gets for the period that ends now (empty when none is running); ends the period.
 std::string end_period();
+// The emulated chip reports its stack's high-water mark (bytes) for the last --stats column; the
+// host build has no emulated stack and leaves the column empty.
+void set_stack_probe(uint32_t (*probe)());
 
 // What the hibernation module shows when a power-on period starts from `src`: after hibernation
 // the wake's status bit (RTC match 0x01 or WAKE pin 0x08) and write-complete; after a power cycle

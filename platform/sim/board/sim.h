@@ -66,6 +66,16 @@ uint32_t card_changes();
 // ---------------------------------------------------------------- system control (sysctl.cpp)
 // Whether the firmware has enabled a peripheral's clock (SysCtlPeripheralEnable, SYSCTL_PERIPH_*).
 bool peripheral_enabled(uint32_t periph);
+// The system clock the processor runs at now, as the firmware set up the clock tree (Hz). The
+// precision internal oscillator (16 MHz) also clocks a UART whose clock source register selects it.
+uint32_t system_clock_hz();
+constexpr uint32_t piosc_hz = 16000000;
+// A register access to a peripheral whose clock gate is closed: on the chip a bus fault. Reports
+// it ("sim: bus fault: ...") and runs the firmware's hard-fault handler, which does not return.
+// The models' API door calls it when a call reaches a module that is not clocked.
+[[noreturn]] void clock_fault(const char* module, uint32_t address);
+// Refuses the access (clock_fault) unless the peripheral (SYSCTL_PERIPH_*) is clocked.
+void require_clock(uint32_t periph, const char* module, uint32_t address);
 
 // ---------------------------------------------------------------- devices (devices side)
 // Called by the runtime at the start of every power-on period (peripherals in their reset state,

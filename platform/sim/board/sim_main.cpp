@@ -4,6 +4,7 @@
 // fresh child process that runs the firmware from main, as the chip starts from reset with RAM
 // lost. While the board hibernates no firmware runs; the supervisor lets time pass to the wake.
 #include "board.h"
+#include "chip.h"
 #include "runtime.h"
 #include "script.h"
 
@@ -52,6 +53,8 @@ const char* const usage_text =
     "  --time \"YYYY-MM-DD HH:MM:SS\"  set the RTC (UTC) when the board is created\n"
     "  --quiet            do not copy console output to stdout\n"
     "  --stats FILE       append one CSV line per power-on period\n"
+    "  --image ELF        run this target image (build/target/hxc3.elf) on the emulated TM4C123\n"
+    "                     instead of the host-compiled firmware\n"
     "  --help             this text\n"
     "On a terminal every key goes to the board's console (Ctrl-C too); a key pressed while the board\n"
     "hibernates wakes it and is lost. Ctrl-] ends the simulator.\n"
@@ -68,6 +71,7 @@ struct Options {
     uint32_t time = 0;
     bool quiet = false;
     std::string stats;
+    std::string image;
 };
 
 Options g_opt;
@@ -229,6 +233,9 @@ void child_poll(uint64_t now) {
     devices_power_on();
     connect_console();
     begin_period(src);
+    if (!g_opt.image.empty()) {
+        chip::run();
+    }
     hxc3_main();
     message("the firmware's main returned: the board stands still");
     for (;;) {
@@ -511,7 +518,13 @@ bool write_factory_defaults() {
         connect_console();
         begin_period(WakeSource::power);
         SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-        SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0);
+        // The clocks of everything storing the settings reaches (EEPROM, FRAM on I2C0, the
+        // watchdog line, the hibernation module), as the firmware's start-up leaves them.
+        for (uint32_t p : {SYSCTL_PERIPH_GPIOA, SYSCTL_PERIPH_GPIOB, SYSCTL_PERIPH_GPIOC, SYSCTL_PERIPH_GPIOD,
+                           SYSCTL_PERIPH_GPIOE, SYSCTL_PERIPH_GPIOF, SYSCTL_PERIPH_I2C0,
+                           SYSCTL_PERIPH_HIBERNATE, SYSCTL_PERIPH_EEPROM0}) {
+            SysCtlPeripheralEnable(p);
+        }
         EEPROMInit();
         initSysDataVariables();
         storeSysDataVariables();
@@ -721,12 +734,25 @@ void parse_options(int argc, char** argv) {
             g_opt.quiet = true;
         } else if (a == "--stats") {
             g_opt.stats = value();
+        } else if (a == "--image") {
+            g_opt.image = value();
         } else {
             bad_usage("unknown option '" + a + "'");
         }
     }
     if (g_opt.board.empty()) {
         bad_usage("--board needs a directory");
+    }
+}
+
+void load_image() {
+    if (g_opt.image.empty()) {
+        return;
+    }
+    std::string error;
+    if (!chip::load_image(g_opt.image, error)) {
+        message("--image %s: %s", g_opt.image.c_str(), error.c_str());
+        std::exit(2);
     }
 }
 
@@ -752,6 +778,7 @@ void load_script() {
 
 int main(int argc, char** argv) {
     parse_options(argc, argv);
+    load_image();
     load_script();
     g_realtime = !g_opt.fast;
     g_rtc_path = path_in_board("rtc");

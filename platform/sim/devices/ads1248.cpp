@@ -110,6 +110,10 @@ class Ads1248 : public SpiDevice {
         return miso;
     }
 
+    // The serial clock period is at least 488 ns, two oscillator cycles.
+    uint32_t max_clock_hz() const override { return static_cast<uint32_t>(osc_hz / 2); }
+    const char* name() const override { return "ADS1248"; }
+
     void power_on() override {
         powered_ = false;
         in_reset_ = true;

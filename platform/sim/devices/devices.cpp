@@ -152,9 +152,20 @@ void devices_power_off() {
     dev::fram_flush();
 }
 
+namespace {
+
+// A command that finishes by itself (an I2C transfer, an EEPROM word) shows its result when it is
+// next read; its end is an event only while it lies ahead.
+uint64_t ahead(uint64_t t) {
+    return t > now_ns() ? t : UINT64_MAX;
+}
+
+} // namespace
+
 uint64_t devices_next_event_ns() {
     return std::min({dev::uart_next_event_ns(), dev::ssi_next_event_ns(), dev::ads1248_next_event_ns(),
-                     dev::sbe37_next_event_ns()});
+                     dev::sbe37_next_event_ns(), ahead(dev::i2c_next_event_ns()),
+                     ahead(dev::eeprom_next_event_ns())});
 }
 
 void devices_service(uint64_t now_ns) {

@@ -60,6 +60,9 @@ struct I2cDevice {
 };
 void i2c_attach(I2cDevice* device);
 void i2c_reset();
+// When the command a master is running finishes (its busy flag drops); UINT64_MAX when none runs.
+// A loop polling the master's status sees nothing new before then.
+uint64_t i2c_next_event_ns();
 
 // ---------------------------------------------------------------- FRAM (fram.cpp)
 I2cDevice& fram_device();
@@ -75,6 +78,10 @@ struct SpiDevice {
     // One full-duplex frame: the master's bits in, the chip's bits out.
     virtual uint8_t exchange(uint8_t mosi) = 0;
     virtual void power_on() {}
+    // The fastest serial clock the chip takes in its present state (0: no limit), and what the
+    // simulator calls it when a master goes faster.
+    virtual uint32_t max_clock_hz() const { return 0; }
+    virtual const char* name() const { return "chip"; }
 };
 // Hangs a chip on SSI0..SSI3 with its chip select pad (port base as in hw_memmap.h, one pin mask).
 void ssi_attach(int ssi, SpiDevice* device, uint32_t cs_port_base, uint8_t cs_pin);
@@ -83,6 +90,11 @@ void ssi_pads_changed(int port);
 void ssi_reset();
 uint64_t ssi_next_event_ns();
 void ssi_service(uint64_t now_ns);
+// The bit rate a module really produces now: its module clock / (CPSR x (1 + SCR)), truncated.
+uint32_t ssi_bit_rate_hz(int module);
+// Frames shifted in this power-on period to a selected chip faster than that chip's limit. Each
+// chip's first such frame in a period is also reported on stderr.
+uint32_t ssi_clock_violations();
 
 // ---------------------------------------------------------------- microSD card (sdcard.cpp)
 // Hangs the card on SSI0 (select PA3) the first time; called before the SSI modules reset.
@@ -118,11 +130,17 @@ SpiDevice& flash_device(int chip);
 void uart_reset();
 uint64_t uart_next_event_ns();
 void uart_service(uint64_t now_ns);
+// The baud rate a UART's generator really produces from its latched divisor, high-speed mode and
+// module clock, rounded (0 while the divisor cannot run it). Unlike sim::uart_baud it does not
+// depend on the UART being enabled.
+uint32_t uart_actual_baud(int port);
 
 // ---------------------------------------------------------------- EEPROM (eeprom.cpp)
 void eeprom_map();
 void eeprom_power_on();
 void eeprom_flush();
+// When the word (or mass erase) in progress completes; in the past when none is.
+uint64_t eeprom_next_event_ns();
 
 // ---------------------------------------------------------------- persistent memories (devices.cpp)
 // A byte array that lives in a file of the board directory (shared mapping: every write reaches the

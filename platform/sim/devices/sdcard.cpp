@@ -202,6 +202,15 @@ class Card final : public SpiDevice {
         image_.open_file(image_path());
         sectors_ = card_sectors();
     }
+    // Identification runs at 400 kHz at most until initialisation reports the card ready; then
+    // the default-speed limit of 25 MHz holds. An empty slot has no limit.
+    uint32_t max_clock_hz() const override {
+        if (!usable()) {
+            return 0;
+        }
+        return idle_ ? 400000 : 25000000;
+    }
+    const char* name() const override { return "microSD card"; }
 
   private:
     // -------------------------------------------------------- state

@@ -6,9 +6,12 @@
 // PF1 feeds it, PF2 and PF3 are the red and green LEDs (observable through sim::gpio_level).
 // The watchdog resets the board 60 s after the latest feed, or after it was armed.
 #include "devices.h"
+#include "registers.h"
 #include "sim.h"
 
 #include "driverlib/gpio.h"
+#include "driverlib/sysctl.h"
+#include "inc/hw_gpio.h"
 #include "inc/hw_ints.h"
 #include "inc/hw_memmap.h"
 
@@ -37,6 +40,7 @@ struct Port {
     uint8_t is, ibe, iev, im, ris; // interrupt sense, both edges, event, mask, raw status
     uint32_t pctl;                 // 4 bits of function select per pin
     uint8_t cr;                    // commit: AFSEL, PUR, PDR and DEN of a 0 bit cannot be written
+    bool unlocked;                 // the lock key was written: the commit register takes writes
     uint8_t ext_mask;              // pads driven by a chip outside the microcontroller
     uint8_t ext_level;
     uint8_t levels; // pad levels at the last refresh
@@ -57,6 +61,7 @@ struct Watchdog {
 Watchdog wdog;
 
 const int port_vectors[gpio_ports] = {INT_GPIOA, INT_GPIOB, INT_GPIOC, INT_GPIOD, INT_GPIOE, INT_GPIOF};
+const char* const port_names[gpio_ports] = {"GPIOA", "GPIOB", "GPIOC", "GPIOD", "GPIOE", "GPIOF"};
 
 // The cost of one GPIO register access through the API (a few bus cycles).
 constexpr uint32_t access_cycles = 4;
@@ -120,12 +125,28 @@ void refresh(int port) {
     ssi_pads_changed(port);
 }
 
+// The pins whose commit bit the lock guards: PD7 and PF0, which can serve as NMI inputs. The commit
+// bits of all other pins stay 1.
+uint8_t lockable_pins(int port) {
+    if (port == 3) {
+        return 0x80;
+    }
+    return port == port_f ? 0x01 : 0x00;
+}
+
+// A port's registers on the APB aperture (for the bus-fault report).
+uint32_t apb_base(int port) {
+    return port < 4 ? GPIO_PORTA_BASE + 0x1000u * static_cast<uint32_t>(port)
+                    : GPIO_PORTE_BASE + 0x1000u * static_cast<uint32_t>(port - 4);
+}
+
 Port* port_of(uint32_t base, int* index) {
     access(access_cycles);
     int i = gpio_port_index(base);
     if (i < 0) {
         return nullptr;
     }
+    require_clock(SYSCTL_PERIPH_GPIOA + static_cast<uint32_t>(i), port_names[i], base);
     *index = i;
     return &ports[i];
 }
@@ -239,13 +260,160 @@ void gpio_reset() {
         uint8_t ext_level = p.ext_level;
         p = Port{};
         // PD7 and PF0 come out of reset locked (NMI-capable pins); GPIOUnlockPin opens them.
-        p.cr = (i == 3) ? 0x7f : (i == port_f) ? 0xfe : 0xff;
+        p.cr = static_cast<uint8_t>(~lockable_pins(i));
+        p.dr2r = 0xff; // every pad starts at 2 mA drive
         p.ext_mask = ext_mask;
         p.ext_level = ext_level;
         p.levels = compute_levels(p);
         set_pending(port_vectors[i], false);
     }
     wdog = Watchdog{};
+}
+
+// ---------------------------------------------------------------- register door
+
+namespace {
+
+// Registers that simply hold what was written; the pads follow them at the next refresh.
+uint8_t* plain_register(Port& p, uint32_t offset) {
+    switch (offset) {
+    case GPIO_O_DIR:
+        return &p.dir;
+    case GPIO_O_IS:
+        return &p.is;
+    case GPIO_O_IBE:
+        return &p.ibe;
+    case GPIO_O_IEV:
+        return &p.iev;
+    case GPIO_O_IM:
+        return &p.im;
+    case GPIO_O_ODR:
+        return &p.odr;
+    case GPIO_O_SLR:
+        return &p.slr;
+    case GPIO_O_AMSEL:
+        return &p.amsel;
+    default:
+        return nullptr;
+    }
+}
+
+// Registers whose bits change only where the commit register allows it.
+uint8_t* committed_register(Port& p, uint32_t offset) {
+    switch (offset) {
+    case GPIO_O_AFSEL:
+        return &p.afsel;
+    case GPIO_O_PUR:
+        return &p.pur;
+    case GPIO_O_PDR:
+        return &p.pdr;
+    case GPIO_O_DEN:
+        return &p.den;
+    default:
+        return nullptr;
+    }
+}
+
+// A pin has one drive strength: selecting it in one register drops it from the other two.
+void select_drive(Port& p, uint32_t offset, uint8_t pins) {
+    uint8_t* regs[3] = {&p.dr2r, &p.dr4r, &p.dr8r};
+    int chosen = static_cast<int>((offset - GPIO_O_DR2R) / 4);
+    for (int k = 0; k < 3; ++k) {
+        *regs[k] = k == chosen ? pins : static_cast<uint8_t>(*regs[k] & ~pins);
+    }
+}
+
+uint32_t read_other(const Port& p, uint32_t offset) {
+    switch (offset) {
+    case GPIO_O_DR2R:
+        return p.dr2r;
+    case GPIO_O_DR4R:
+        return p.dr4r;
+    case GPIO_O_DR8R:
+        return p.dr8r;
+    case GPIO_O_RIS:
+        return p.ris;
+    case GPIO_O_MIS:
+        return static_cast<uint32_t>(p.ris & p.im);
+    case GPIO_O_LOCK:
+        return p.unlocked ? GPIO_LOCK_UNLOCKED : GPIO_LOCK_LOCKED;
+    case GPIO_O_CR:
+        return p.cr;
+    case GPIO_O_PCTL:
+        return p.pctl;
+    default:
+        return 0;
+    }
+}
+
+void write_other(Port& p, int port, uint32_t offset, uint32_t value) {
+    uint8_t v = static_cast<uint8_t>(value);
+    switch (offset) {
+    case GPIO_O_DR2R:
+    case GPIO_O_DR4R:
+    case GPIO_O_DR8R:
+        select_drive(p, offset, v);
+        break;
+    case GPIO_O_ICR:
+        // A level-sensitive pin stays flagged while its level lasts.
+        p.ris &= static_cast<uint8_t>(~(v & ~p.is));
+        break;
+    case GPIO_O_LOCK:
+        // Any value other than the key closes the lock again.
+        p.unlocked = value == GPIO_LOCK_KEY;
+        break;
+    case GPIO_O_CR:
+        if (p.unlocked) {
+            uint8_t lockable = lockable_pins(port);
+            p.cr = static_cast<uint8_t>(~lockable | (v & lockable));
+        }
+        break;
+    case GPIO_O_PCTL:
+        p.pctl = value;
+        break;
+    default:
+        break;
+    }
+}
+
+} // namespace
+
+// Bits 9:2 of a data-window offset select the pins a read sees and a write changes.
+uint32_t gpio_reg_read(int port, uint32_t offset) {
+    if (port < 0 || port >= gpio_ports) {
+        return 0;
+    }
+    Port& p = ports[port];
+    if (offset < GPIO_O_DIR) {
+        uint8_t pins = static_cast<uint8_t>(offset >> 2);
+        return static_cast<uint32_t>(p.levels & p.den & pins);
+    }
+    if (const uint8_t* r = plain_register(p, offset)) {
+        return *r;
+    }
+    if (const uint8_t* r = committed_register(p, offset)) {
+        return *r;
+    }
+    return read_other(p, offset);
+}
+
+void gpio_reg_write(int port, uint32_t offset, uint32_t value) {
+    if (port < 0 || port >= gpio_ports) {
+        return;
+    }
+    Port& p = ports[port];
+    uint8_t v = static_cast<uint8_t>(value);
+    if (offset < GPIO_O_DIR) {
+        uint8_t pins = static_cast<uint8_t>(offset >> 2);
+        p.data = static_cast<uint8_t>((p.data & ~pins) | (v & pins));
+    } else if (uint8_t* r = plain_register(p, offset)) {
+        *r = v;
+    } else if (uint8_t* r = committed_register(p, offset)) {
+        *r = static_cast<uint8_t>((*r & ~p.cr) | (v & p.cr));
+    } else {
+        write_other(p, port, offset, value);
+    }
+    refresh(port);
 }
 
 } // namespace sim::dev
@@ -420,6 +588,7 @@ void GPIOPinConfigure(uint32_t ui32PinConfig) {
     if (port >= static_cast<uint32_t>(gpio_ports) || shift > 28) {
         return;
     }
+    sim::require_clock(SYSCTL_PERIPH_GPIOA + port, port_names[port], apb_base(static_cast<int>(port)));
     Port& p = ports[port];
     p.pctl = (p.pctl & ~(0xfu << shift)) | ((ui32PinConfig & 0xfu) << shift);
 }

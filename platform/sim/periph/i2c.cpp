@@ -9,9 +9,12 @@
 // clock and the timer period register that I2CMasterInitExpClk computes (100 kHz standard,
 // 400 kHz fast).
 #include "devices.h"
+#include "registers.h"
 #include "sim.h"
 
 #include "driverlib/i2c.h"
+#include "driverlib/sysctl.h"
+#include "inc/hw_i2c.h"
 #include "inc/hw_memmap.h"
 
 #include <vector>
@@ -34,9 +37,14 @@ constexpr uint32_t st_error = 0x02;
 constexpr uint32_t st_adrack = 0x04;
 constexpr uint32_t st_datack = 0x08;
 
+// Raw interrupt status: a command finished.
+constexpr uint32_t ris_done = 0x01;
+
+const char* const master_names[masters] = {"I2C0", "I2C1", "I2C2", "I2C3"};
+
 struct Master {
     bool enabled;
-    uint32_t clock_hz; // the module clock given to I2CMasterInitExpClk
+    uint32_t clock_hz; // the module clock given to I2CMasterInitExpClk; 0: the system clock
     uint32_t tpr;      // timer period register
     uint8_t slave;     // slave address register: 7-bit address and the receive bit
     bool receive;
@@ -51,6 +59,12 @@ struct Master {
     uint8_t pending_data;
     bool pending_has_data;
     uint32_t pending_status;
+    // Register door only: the control register as written, the interrupt mask and raw status, the
+    // clock low time-out count.
+    uint32_t mcr;
+    uint32_t imr;
+    uint32_t ris;
+    uint32_t clkocnt;
 };
 
 Master ms[masters];
@@ -79,7 +93,7 @@ void ensure_bus() {
 
 // SCL period: (2 * (6 + 4) * (TPR + 1)) module clocks.
 uint64_t scl_period_ns(const Master& m) {
-    uint64_t clock = m.clock_hz ? m.clock_hz : 16000000;
+    uint64_t clock = m.clock_hz ? m.clock_hz : system_clock_hz();
     return 20ull * (m.tpr + 1) * ns_per_s / clock;
 }
 
@@ -94,6 +108,7 @@ void settle(int i) {
         m.data = m.pending_data;
     }
     m.status = m.pending_status;
+    m.ris |= ris_done;
 }
 
 Master* master_of(uint32_t base, int* index) {
@@ -102,6 +117,7 @@ Master* master_of(uint32_t base, int* index) {
     if (i < 0) {
         return nullptr;
     }
+    require_clock(SYSCTL_PERIPH_I2C0 + static_cast<uint32_t>(i), master_names[i], base);
     // Inside an interrupt handler virtual time stands still: a command in flight completes at once
     // rather than leave a busy-wait spinning.
     if (!time_passes && ms[i].busy) {
@@ -173,6 +189,7 @@ void run_command(int i, uint32_t cmd) {
     m.pending_status = status;
     if (!m.busy) {
         m.status = status;
+        m.ris |= ris_done;
     }
 }
 
@@ -194,6 +211,118 @@ void i2c_reset() {
     }
 }
 
+uint64_t i2c_next_event_ns() {
+    uint64_t next = UINT64_MAX;
+    for (const Master& m : ms) {
+        if (m.busy && m.done_ns < next) {
+            next = m.done_ns;
+        }
+    }
+    return next;
+}
+
+// ---------------------------------------------------------------- register door
+
+namespace {
+
+// The master control/status register as read: only the busy flags while a command runs; then the
+// outcome of the last command, and whether the master still holds the bus after it.
+uint32_t read_mcs(int i) {
+    settle(i);
+    const Master& m = ms[i];
+    if (m.busy) {
+        return I2C_MCS_BUSY | I2C_MCS_BUSBSY;
+    }
+    uint32_t bus = m.owns_bus ? I2C_MCS_BUSBSY : I2C_MCS_IDLE;
+    return (m.status & (I2C_MCS_ERROR | I2C_MCS_ADRACK | I2C_MCS_DATACK)) | bus;
+}
+
+// A command written while the master is disabled goes nowhere, as with I2CMasterControl.
+void write_mcs(int i, uint32_t value) {
+    settle(i);
+    uint32_t cmd = value & (cmd_run | cmd_start | cmd_stop | cmd_ack);
+    if (!ms[i].enabled || (cmd & (cmd_run | cmd_start | cmd_stop)) == 0) {
+        return;
+    }
+    run_command(i, cmd);
+}
+
+} // namespace
+
+uint32_t i2c_reg_read(int master, uint32_t offset) {
+    if (master < 0 || master >= masters) {
+        return 0;
+    }
+    Master& m = ms[master];
+    switch (offset) {
+    case I2C_O_MSA:
+        return (static_cast<uint32_t>(m.slave) << 1) | (m.receive ? I2C_MSA_RS : 0);
+    case I2C_O_MCS:
+        return read_mcs(master);
+    case I2C_O_MDR:
+        settle(master);
+        return m.data;
+    case I2C_O_MTPR:
+        return m.tpr;
+    case I2C_O_MIMR:
+        return m.imr;
+    case I2C_O_MRIS:
+        settle(master);
+        return m.ris;
+    case I2C_O_MMIS:
+        settle(master);
+        return m.ris & m.imr;
+    case I2C_O_MCR:
+        return m.mcr;
+    case I2C_O_MCLKOCNT:
+        return m.clkocnt;
+    case I2C_O_MBMON:
+        return I2C_MBMON_SCL | I2C_MBMON_SDA; // nothing holds the lines low between transfers
+    default:
+        return 0;
+    }
+}
+
+// The interrupt line of the masters is not wired to the processor: the board's drivers poll.
+void i2c_reg_write(int master, uint32_t offset, uint32_t value) {
+    if (master < 0 || master >= masters) {
+        return;
+    }
+    Master& m = ms[master];
+    switch (offset) {
+    case I2C_O_MSA:
+        m.slave = static_cast<uint8_t>((value & I2C_MSA_SA_M) >> 1);
+        m.receive = (value & I2C_MSA_RS) != 0;
+        break;
+    case I2C_O_MCS:
+        write_mcs(master, value);
+        break;
+    case I2C_O_MDR:
+        m.data = static_cast<uint8_t>(value);
+        break;
+    case I2C_O_MTPR:
+        // The module runs from the system clock; its rate is taken when each command starts.
+        m.tpr = value & I2C_MTPR_TPR_M;
+        m.clock_hz = 0;
+        break;
+    case I2C_O_MIMR:
+        m.imr = value & 0x3;
+        break;
+    case I2C_O_MICR:
+        m.ris &= ~value;
+        break;
+    case I2C_O_MCR:
+        m.mcr = value & (I2C_MCR_LPBK | I2C_MCR_MFE | I2C_MCR_SFE | I2C_MCR_GFE);
+        m.enabled = (value & I2C_MCR_MFE) != 0;
+        break;
+    case I2C_O_MCLKOCNT:
+        m.clkocnt = value & 0xFF;
+        break;
+    default:
+        break;
+    }
+}
+
 } // namespace sim::dev
 
 using namespace sim::dev;
@@ -210,6 +339,7 @@ void I2CMasterInitExpClk(uint32_t ui32Base, uint32_t ui32I2CClk, bool bFast) {
     }
     uint32_t scl = bFast ? 400000 : 100000;
     m->enabled = true;
+    m->mcr |= I2C_MCR_MFE;
     m->clock_hz = ui32I2CClk;
     uint32_t tpr = (ui32I2CClk + 2 * 10 * scl - 1) / (2 * 10 * scl);
     m->tpr = tpr > 0 ? tpr - 1 : 0;
@@ -219,6 +349,7 @@ void I2CMasterEnable(uint32_t ui32Base) {
     int i = 0;
     if (Master* m = master_of(ui32Base, &i)) {
         m->enabled = true;
+        m->mcr |= I2C_MCR_MFE;
     }
 }
 
@@ -226,6 +357,7 @@ void I2CMasterDisable(uint32_t ui32Base) {
     int i = 0;
     if (Master* m = master_of(ui32Base, &i)) {
         m->enabled = false;
+        m->mcr &= ~I2C_MCR_MFE;
     }
 }
 

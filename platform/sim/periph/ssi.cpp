@@ -1,25 +1,35 @@
-// The four SSI (SPI) modules behind the TivaWare SSI calls, with the chips hanging on them.
+// The four SSI (SPI) modules, reached through the TivaWare SSI calls or through their registers,
+// with the chips hanging on them.
 //
 // Chip selects of the serial flash socket on SSI2 (PB4 clock, PB6 receive, PB7 transmit):
 //   chip 0: PB5, chip 1: PE4, both active low, driven by the firmware as plain GPIO outputs.
 // SSI0 (microSD card, select PA3) and SSI3 (ADC, select PD1) get their chips through ssi_attach.
 //
-// A master shifts one frame out of its 8-entry transmit FIFO at a time, taking data width x bit time
-// (the bit rate follows from the clock and the prescaler and serial clock rate that
-// SSIConfigSetExpClk works out, as on the chip). When a frame completes, every chip whose select is
-// asserted sees it and the chips' answer goes into the 8-entry receive FIFO (lost, with the overrun
-// flag, when that is full). With no chip selected the receive line floats high: 0xFF. A select pad
-// handed to the module itself (its frame-select function) is asserted only during frames and, in the
-// SPI modes with phase 0, released between frames, as the hardware pulses it.
-// Frames of up to 8 bits carry one byte; wider frames two, high byte first.
+// A master shifts one frame out of its 8-entry transmit FIFO at a time, taking data width x bit time.
+// The bit clock is the module clock (the system clock, or the 16 MHz precision oscillator when the
+// clock-source register selects it) divided by CPSR x (1 + SCR), taken when the frame starts; a
+// divider worked out for another clock shows up as a wrong rate, as on the chip. When a frame
+// completes, every chip whose select is asserted sees it and the chips' answer goes into the 8-entry
+// receive FIFO (lost, with the overrun flag, when that is full). With no chip selected the receive
+// line floats high: 0xFF. A select pad handed to the module itself (its frame-select function) is
+// asserted only during frames and, in the SPI modes with phase 0, released between frames, as the
+// hardware pulses it. Frames of up to 8 bits carry one byte; wider frames two, high byte first.
+//
+// A chip that is clocked faster than it allows still answers, but the simulator reports it: a board
+// whose firmware does that works on some parts and not on others.
 #include "devices.h"
+#include "registers.h"
+#include "runtime.h"
 #include "sim.h"
 
 #include "driverlib/gpio.h"
 #include "driverlib/ssi.h"
+#include "driverlib/sysctl.h"
 #include "inc/hw_ints.h"
 #include "inc/hw_memmap.h"
+#include "inc/hw_ssi.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace sim::dev {
@@ -31,26 +41,32 @@ constexpr uint8_t fifo_depth = 8;
 constexpr uint32_t access_cycles = 4;
 constexpr uint64_t idle_step_ns = 10 * 1000;
 
+constexpr uint32_t cr0_bits = SSI_CR0_SCR_M | SSI_CR0_SPH | SSI_CR0_SPO | SSI_CR0_FRF_M | SSI_CR0_DSS_M;
+constexpr uint32_t cr1_bits = SSI_CR1_EOT | SSI_CR1_SOD | SSI_CR1_MS | SSI_CR1_SSE | SSI_CR1_LBM;
+constexpr uint32_t int_bits = SSI_TXFF | SSI_RXFF | SSI_RXTO | SSI_RXOR;
+constexpr uint32_t latched_bits = SSI_RXTO | SSI_RXOR; // the FIFO level flags follow the FIFOs
+
+// The identification registers from 0xFD0 on.
+constexpr uint32_t o_periph_id4 = 0xFD0;
+constexpr uint8_t id_bytes[12] = {0x00, 0x00, 0x00, 0x00, 0x22, 0x00, 0x18, 0x01, 0x0D, 0xF0, 0x05, 0xB1};
+
 struct Attachment {
     SpiDevice* device;
     int cs_port;
     uint8_t cs_pin;
     bool selected;
+    bool limit_reported; // this power-on period
 };
 
 struct Ssi {
-    bool enabled;
-    bool master;
-    bool phase1; // SPI modes 1 and 3
-    uint32_t width;
-    uint64_t bit_ns;
-    uint32_t clock_source;
+    // Register images.
+    uint32_t cr0, cr1, cpsr, im, cc;
+    uint32_t ris; // SSI_RXOR and SSI_RXTO latched; the FIFO levels are computed
     Fifo tx, rx;
     bool shifting;
     uint16_t frame;
     uint64_t done_ns;
-    uint32_t ris; // SSI_RXOR latched; the FIFO levels are computed
-    uint32_t im;
+    uint32_t frame_rate_hz; // the bit rate of the frame in progress
     std::vector<Attachment> chips;
 };
 
@@ -61,7 +77,9 @@ uint8_t select_ports = 0;
 uint64_t next_event = UINT64_MAX;
 bool next_event_stale = true;
 const int vectors[modules] = {INT_SSI0, INT_SSI1, INT_SSI2, INT_SSI3};
+const char* const names[modules] = {"SSI0", "SSI1", "SSI2", "SSI3"};
 bool flash_attached = false;
+uint32_t clock_violations = 0;
 
 int module_index(uint32_t base) {
     switch (base) {
@@ -76,6 +94,50 @@ int module_index(uint32_t base) {
     default:
         return -1;
     }
+}
+
+bool enabled(const Ssi& s) {
+    return (s.cr1 & SSI_CR1_SSE) != 0;
+}
+
+bool master(const Ssi& s) {
+    return (s.cr1 & SSI_CR1_MS) == 0;
+}
+
+// Data sizes below 4 bits are reserved; such a setting shifts bytes.
+uint32_t width(const Ssi& s) {
+    uint32_t dss = s.cr0 & SSI_CR0_DSS_M;
+    return dss >= 3 ? dss + 1 : 8;
+}
+
+// SPI modes 1 and 3 (Freescale format with the second-edge phase) keep the frame select low
+// between back-to-back frames.
+bool phase1(const Ssi& s) {
+    return (s.cr0 & SSI_CR0_SPH) != 0 && (s.cr0 & SSI_CR0_FRF_M) == 0;
+}
+
+uint32_t module_clock_hz(const Ssi& s) {
+    return (s.cc & 0xF) == SSI_CLOCK_PIOSC ? piosc_hz : system_clock_hz();
+}
+
+// Module clocks per bit. A prescaler of 0 (the reset value, which no driver leaves) divides as the
+// smallest legal one, 2.
+uint32_t clocks_per_bit(const Ssi& s) {
+    uint32_t cpsr = s.cpsr >= 2 ? s.cpsr : 2;
+    return cpsr * (1 + ((s.cr0 & SSI_CR0_SCR_M) >> SSI_CR0_SCR_S));
+}
+
+uint32_t bit_rate_hz(const Ssi& s) {
+    return module_clock_hz(s) / clocks_per_bit(s);
+}
+
+uint64_t bit_ns(const Ssi& s) {
+    uint32_t clock = module_clock_hz(s);
+    if (clock == 0) {
+        return 1;
+    }
+    uint64_t ns = static_cast<uint64_t>(clocks_per_bit(s)) * ns_per_s / clock;
+    return ns > 0 ? ns : 1;
 }
 
 uint32_t raw_status(const Ssi& s) {
@@ -108,13 +170,29 @@ void set_selected(Attachment& a, bool selected) {
 }
 
 void start_frame(Ssi& s, uint64_t at_ns) {
-    if (s.shifting || !s.enabled || !s.master || s.tx.count == 0) {
+    if (s.shifting || !enabled(s) || !master(s) || s.tx.count == 0) {
         return;
     }
     s.frame = s.tx.pop();
     s.shifting = true;
     next_event_stale = true;
-    s.done_ns = at_ns + s.width * s.bit_ns;
+    s.frame_rate_hz = bit_rate_hz(s);
+    s.done_ns = at_ns + width(s) * bit_ns(s);
+}
+
+// A selected chip clocked beyond its limit: counted at every frame, reported once a period.
+void check_clock(int i, Attachment& a) {
+    uint32_t limit = a.device->max_clock_hz();
+    uint32_t rate = ssis[i].frame_rate_hz;
+    if (limit == 0 || rate <= limit) {
+        return;
+    }
+    ++clock_violations;
+    if (a.limit_reported) {
+        return;
+    }
+    a.limit_reported = true;
+    message("SSI%d bit clock %u Hz exceeds the %s's limit of %u Hz", i, rate, a.device->name(), limit);
 }
 
 uint8_t exchange_byte(Ssi& s, uint8_t out) {
@@ -133,11 +211,15 @@ void finish_frame(int i) {
     next_event_stale = true;
     for (Attachment& a : s.chips) {
         set_selected(a, select_asserted(a, true));
+        if (a.selected) {
+            check_clock(i, a);
+        }
     }
-    uint16_t mask = static_cast<uint16_t>((1u << s.width) - 1);
+    uint32_t bits = width(s);
+    uint16_t mask = static_cast<uint16_t>((1u << bits) - 1);
     uint16_t out = s.frame & mask;
     uint16_t in;
-    if (s.width <= 8) {
+    if (bits <= 8) {
         in = exchange_byte(s, static_cast<uint8_t>(out));
     } else {
         uint8_t hi = exchange_byte(s, static_cast<uint8_t>(out >> 8));
@@ -150,7 +232,7 @@ void finish_frame(int i) {
     // The module's own frame select goes high between frames (phase 0) or when the FIFO runs dry.
     bool more = s.tx.count > 0;
     for (Attachment& a : s.chips) {
-        if (gpio_alternate(a.cs_port, a.cs_pin) && (!s.phase1 || !more)) {
+        if (gpio_alternate(a.cs_port, a.cs_pin) && (!phase1(s) || !more)) {
             set_selected(a, false);
         }
     }
@@ -158,12 +240,20 @@ void finish_frame(int i) {
     update_irq(i);
 }
 
+void service_module(int i, uint64_t now) {
+    while (ssis[i].shifting && ssis[i].done_ns <= now) {
+        finish_frame(i);
+    }
+}
+
+// The API door: an unclocked module is a bus fault, as its registers would be.
 Ssi* module_of(uint32_t base, int* index) {
     access(access_cycles);
     int i = module_index(base);
     if (i < 0) {
         return nullptr;
     }
+    require_clock(SYSCTL_PERIPH_SSI0 + static_cast<uint32_t>(i), names[i], base);
     *index = i;
     return &ssis[i];
 }
@@ -179,6 +269,56 @@ bool hurry(int i) {
     next_event_stale = true;
     finish_frame(i);
     return true;
+}
+
+// False when the transmit FIFO is full: the data is lost, as a write to the full FIFO is.
+bool push_frame(int i, uint32_t data) {
+    Ssi& s = ssis[i];
+    if (!s.tx.push(static_cast<uint16_t>(data), fifo_depth)) {
+        return false;
+    }
+    start_frame(s, now_ns());
+    update_irq(i);
+    return true;
+}
+
+uint32_t pop_frame(int i) {
+    uint32_t v = ssis[i].rx.pop();
+    update_irq(i);
+    return v;
+}
+
+void write_cr1(int i, uint32_t value) {
+    ssis[i].cr1 = value & cr1_bits;
+    start_frame(ssis[i], now_ns());
+    update_irq(i);
+}
+
+uint32_t status(const Ssi& s) {
+    uint32_t sr = 0;
+    if (s.tx.count == 0) {
+        sr |= SSI_SR_TFE;
+    }
+    if (s.tx.count < fifo_depth) {
+        sr |= SSI_SR_TNF;
+    }
+    if (s.rx.count > 0) {
+        sr |= SSI_SR_RNE;
+    }
+    if (s.rx.count >= fifo_depth) {
+        sr |= SSI_SR_RFF;
+    }
+    if (s.shifting || s.tx.count > 0) {
+        sr |= SSI_SR_BSY;
+    }
+    return sr;
+}
+
+uint32_t id_register(uint32_t offset) {
+    if (offset < o_periph_id4 || offset > 0xFFC || (offset & 3) != 0) {
+        return 0;
+    }
+    return id_bytes[(offset - o_periph_id4) / 4];
 }
 
 void ensure_flash() {
@@ -197,7 +337,7 @@ void ssi_attach(int ssi, SpiDevice* device, uint32_t cs_port_base, uint8_t cs_pi
     if (ssi < 0 || ssi >= modules || port < 0 || !device) {
         return;
     }
-    ssis[ssi].chips.push_back(Attachment{device, port, cs_pin, false});
+    ssis[ssi].chips.push_back(Attachment{device, port, cs_pin, false, false});
     select_ports |= static_cast<uint8_t>(1u << port);
 }
 
@@ -216,16 +356,15 @@ void ssi_pads_changed(int port) {
 
 void ssi_reset() {
     ensure_flash();
+    clock_violations = 0;
     for (int i = 0; i < modules; ++i) {
         Ssi& s = ssis[i];
         std::vector<Attachment> chips = std::move(s.chips);
         s = Ssi{};
         s.chips = std::move(chips);
-        s.master = true;
-        s.width = 8;
-        s.bit_ns = 1000;
         for (Attachment& a : s.chips) {
             a.selected = false;
+            a.limit_reported = false;
             a.device->power_on();
         }
         set_pending(vectors[i], false);
@@ -250,9 +389,83 @@ uint64_t ssi_next_event_ns() {
 
 void ssi_service(uint64_t now) {
     for (int i = 0; i < modules; ++i) {
-        while (ssis[i].shifting && ssis[i].done_ns <= now) {
-            finish_frame(i);
-        }
+        service_module(i, now);
+    }
+}
+
+uint32_t ssi_bit_rate_hz(int module) {
+    if (module < 0 || module >= modules) {
+        return 0;
+    }
+    return bit_rate_hz(ssis[module]);
+}
+
+uint32_t ssi_clock_violations() {
+    return clock_violations;
+}
+
+uint32_t ssi_reg_read(int module, uint32_t offset) {
+    if (module < 0 || module >= modules) {
+        return 0;
+    }
+    service_module(module, now_ns());
+    const Ssi& s = ssis[module];
+    switch (offset) {
+    case SSI_O_CR0:
+        return s.cr0;
+    case SSI_O_CR1:
+        return s.cr1;
+    case SSI_O_DR:
+        return pop_frame(module);
+    case SSI_O_SR:
+        return status(s);
+    case SSI_O_CPSR:
+        return s.cpsr;
+    case SSI_O_IM:
+        return s.im;
+    case SSI_O_RIS:
+        return raw_status(s);
+    case SSI_O_MIS:
+        return raw_status(s) & s.im;
+    case SSI_O_CC:
+        return s.cc;
+    default:
+        return id_register(offset);
+    }
+}
+
+void ssi_reg_write(int module, uint32_t offset, uint32_t value) {
+    if (module < 0 || module >= modules) {
+        return;
+    }
+    service_module(module, now_ns());
+    Ssi& s = ssis[module];
+    switch (offset) {
+    case SSI_O_CR0:
+        s.cr0 = value & cr0_bits;
+        return;
+    case SSI_O_CR1:
+        write_cr1(module, value);
+        return;
+    case SSI_O_DR:
+        push_frame(module, value);
+        return;
+    case SSI_O_CPSR:
+        s.cpsr = value & 0xFE; // the prescaler is even: bit 0 reads as 0
+        return;
+    case SSI_O_IM:
+        s.im = value & int_bits;
+        update_irq(module);
+        return;
+    case SSI_O_ICR:
+        s.ris &= ~(value & latched_bits);
+        update_irq(module);
+        return;
+    case SSI_O_CC:
+        s.cc = value & 0xF;
+        return;
+    default:
+        return; // read-only or not modelled
     }
 }
 
@@ -262,8 +475,9 @@ using namespace sim::dev;
 
 extern "C" {
 
-// Bit rate = clock / (prescaler x (1 + serial clock rate)), the prescaler even, found the way the
-// chip's driver does it.
+// Bit rate = clock / (CPSR x (1 + SCR)), the prescaler even, found the way the chip's driver finds
+// it from the clock the caller names. Like that driver it rewrites CR1, which leaves the module
+// disabled until SSIEnable.
 void SSIConfigSetExpClk(uint32_t ui32Base, uint32_t ui32SSIClk, uint32_t ui32Protocol, uint32_t ui32Mode,
                         uint32_t ui32BitRate, uint32_t ui32DataWidth) {
     int i = 0;
@@ -271,35 +485,42 @@ void SSIConfigSetExpClk(uint32_t ui32Base, uint32_t ui32SSIClk, uint32_t ui32Pro
     if (!s || ui32BitRate == 0 || ui32SSIClk == 0) {
         return;
     }
-    uint32_t max_ratio = ui32SSIClk / ui32BitRate;
-    uint32_t prediv = 0;
-    uint32_t scr = 0;
-    do {
-        prediv += 2;
-        scr = max_ratio / prediv;
-        scr = scr > 0 ? scr - 1 : 0;
-    } while (scr > 255);
-    s->bit_ns = static_cast<uint64_t>(prediv) * (scr + 1) * sim::ns_per_s / ui32SSIClk;
-    if (s->bit_ns == 0) {
-        s->bit_ns = 1;
+    uint32_t cr1 = ui32Mode == SSI_MODE_SLAVE_OD ? SSI_CR1_SOD : 0;
+    cr1 |= ui32Mode == SSI_MODE_MASTER ? 0 : SSI_CR1_MS;
+    write_cr1(i, cr1);
+
+    // The smallest divisor CPSR x (1 + SCR) that is at least clock / rate: the bit clock is never
+    // faster than asked (an SD card in identification allows 400 kHz at most).
+    uint32_t wanted = ui32SSIClk / ui32BitRate + (ui32SSIClk % ui32BitRate != 0 ? 1 : 0);
+    uint32_t prescale = 254;
+    uint32_t scr = 255;
+    for (uint32_t p = 2; p <= 254; p += 2) {
+        uint32_t steps = std::max<uint32_t>(1, (wanted + p - 1) / p);
+        if (steps <= 256 && p * steps < prescale * (scr + 1)) {
+            prescale = p;
+            scr = steps - 1;
+        }
     }
-    s->master = ui32Mode == SSI_MODE_MASTER;
-    s->phase1 = (ui32Protocol & 0x2) != 0 && (ui32Protocol & (SSI_FRF_TI | SSI_FRF_NMW)) == 0;
-    s->width = (ui32DataWidth >= 4 && ui32DataWidth <= 16) ? ui32DataWidth : 8;
+    s->cpsr = prescale;
+
+    // SSI_FRF_MOTO_MODE_n carries SPO in bit 0 and SPH in bit 1.
+    uint32_t polarity_phase = (ui32Protocol & 0x3) << 6;
+    uint32_t format = ui32Protocol & SSI_CR0_FRF_M;
+    uint32_t bits = (ui32DataWidth >= 4 && ui32DataWidth <= 16) ? ui32DataWidth : 8;
+    s->cr0 = ((scr & 0xFF) << SSI_CR0_SCR_S) | polarity_phase | format | (bits - 1);
 }
 
 void SSIEnable(uint32_t ui32Base) {
     int i = 0;
     if (Ssi* s = module_of(ui32Base, &i)) {
-        s->enabled = true;
-        start_frame(*s, sim::now_ns());
+        write_cr1(i, s->cr1 | SSI_CR1_SSE);
     }
 }
 
 void SSIDisable(uint32_t ui32Base) {
     int i = 0;
     if (Ssi* s = module_of(ui32Base, &i)) {
-        s->enabled = false;
+        write_cr1(i, s->cr1 & ~SSI_CR1_SSE);
     }
 }
 
@@ -314,20 +535,13 @@ void SSIDataPut(uint32_t ui32Base, uint32_t ui32Data) {
             return; // a stopped module inside a handler: the frame is lost
         }
     }
-    s->tx.push(static_cast<uint16_t>(ui32Data), fifo_depth);
-    start_frame(*s, sim::now_ns());
-    update_irq(i);
+    push_frame(i, ui32Data);
 }
 
 int32_t SSIDataPutNonBlocking(uint32_t ui32Base, uint32_t ui32Data) {
     int i = 0;
     Ssi* s = module_of(ui32Base, &i);
-    if (!s || !s->tx.push(static_cast<uint16_t>(ui32Data), fifo_depth)) {
-        return 0;
-    }
-    start_frame(*s, sim::now_ns());
-    update_irq(i);
-    return 1;
+    return s && push_frame(i, ui32Data) ? 1 : 0;
 }
 
 void SSIDataGet(uint32_t ui32Base, uint32_t* pui32Data) {
@@ -342,8 +556,7 @@ void SSIDataGet(uint32_t ui32Base, uint32_t* pui32Data) {
             return;
         }
     }
-    *pui32Data = s->rx.pop();
-    update_irq(i);
+    *pui32Data = pop_frame(i);
 }
 
 int32_t SSIDataGetNonBlocking(uint32_t ui32Base, uint32_t* pui32Data) {
@@ -352,34 +565,33 @@ int32_t SSIDataGetNonBlocking(uint32_t ui32Base, uint32_t* pui32Data) {
     if (!s || s->rx.count == 0) {
         return 0;
     }
-    *pui32Data = s->rx.pop();
-    update_irq(i);
+    *pui32Data = pop_frame(i);
     return 1;
 }
 
 bool SSIBusy(uint32_t ui32Base) {
     int i = 0;
     Ssi* s = module_of(ui32Base, &i);
-    return s && (s->shifting || s->tx.count > 0);
+    return s && (status(*s) & SSI_SR_BSY) != 0;
 }
 
 void SSIClockSourceSet(uint32_t ui32Base, uint32_t ui32Source) {
     int i = 0;
     if (Ssi* s = module_of(ui32Base, &i)) {
-        s->clock_source = ui32Source;
+        s->cc = ui32Source & 0xF;
     }
 }
 
 uint32_t SSIClockSourceGet(uint32_t ui32Base) {
     int i = 0;
     Ssi* s = module_of(ui32Base, &i);
-    return s ? s->clock_source : 0;
+    return s ? s->cc : 0;
 }
 
 void SSIIntEnable(uint32_t ui32Base, uint32_t ui32IntFlags) {
     int i = 0;
     if (Ssi* s = module_of(ui32Base, &i)) {
-        s->im |= ui32IntFlags & (SSI_TXFF | SSI_RXFF | SSI_RXTO | SSI_RXOR);
+        s->im |= ui32IntFlags & int_bits;
         update_irq(i);
     }
 }
@@ -406,7 +618,7 @@ uint32_t SSIIntStatus(uint32_t ui32Base, bool bMasked) {
 void SSIIntClear(uint32_t ui32Base, uint32_t ui32IntFlags) {
     int i = 0;
     if (Ssi* s = module_of(ui32Base, &i)) {
-        s->ris &= ~(ui32IntFlags & (SSI_RXOR | SSI_RXTO));
+        s->ris &= ~(ui32IntFlags & latched_bits);
         update_irq(i);
     }
 }

@@ -9,7 +9,7 @@ using namespace sim;
 namespace {
 
 uint64_t period_ns() {
-    return static_cast<uint64_t>(core().systick_period) * ns_per_cycle;
+    return systick_period_ns();
 }
 
 } // namespace

@@ -11,11 +11,13 @@ void uart4_isr(void);
 void uart5_isr(void);
 void uart6_isr(void);
 void uart7_isr(void);
+void faultISR_handler(void);
 }
 
 namespace sim {
 
 void install_vectors() {
+    register_vector(3, faultISR_handler);
     register_vector(15, SysTickHandler);
     register_vector(21, UARTStdioIntHandler);
     register_vector(49, uart2_isr);

@@ -8,6 +8,7 @@
 
 #include "board/bme280.h"
 #include "board/i2c0.h"
+#include "driverlib/sysctl.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
 #include "storage/i2c_fram.h"
@@ -18,6 +19,9 @@ class Bme280 : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
+        // Every delay toggles the watchdog's feed line (PF1): its port is clocked, as after the
+        // firmware's pin set-up.
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_GPIOF);
         UARTStdioConfig(0, 115200, 16000000);
         i2c0_init(0);
         sim::test::clear_console_output();

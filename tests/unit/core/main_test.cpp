@@ -9,6 +9,7 @@
 #include "core/main.h"
 #include "core/menu.h"
 #include "core/system.h"
+#include "driverlib/sysctl.h"
 #include "sim_test.h"
 
 int hxc3_main(void);
@@ -62,7 +63,10 @@ const WakeCase wake_cases[] = {
 };
 
 uint32_t g_source;
+// main runs wake_handler right after init(), whose pin set-up clocked the watchdog's port; the
+// reset that stands in for the start closed it again.
 void classify(void) {
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_GPIOF);
     g_source = wake_handler();
 }
 

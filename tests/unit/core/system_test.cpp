@@ -8,6 +8,7 @@
 #include "board/i2c0.h"
 #include "core/main.h"
 #include "core/system.h"
+#include "driverlib/sysctl.h"
 #include "hostlink/apf.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
@@ -37,6 +38,7 @@ class Records : public ::testing::Test {
         microSD_flg = 0;
         UARTStdioConfig(0, 115200, 16000000);
         i2c0_init(0);
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0); // as retrieveSysDataVariables opens it
         sim::test::clear_console_output();
     }
     static std::string out() {

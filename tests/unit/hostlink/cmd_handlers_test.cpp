@@ -27,6 +27,8 @@ namespace {
 
 void start_board(void) {
     test_board::start_clocks();
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0); // as retrieveSysDataVariables opens it
+    i2c0_init(0);
     fram_init();
     HibernateEnableExpClk(SysCtlClockGet());
     HibernateRTCEnable();

@@ -120,6 +120,7 @@ class Peer {
 void start_board(void) {
     SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
     init_TM4C123GH6PM_64pin();
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0); // as retrieveSysDataVariables opens it
     SysTickPeriodSet(SysCtlClockGet() / 1000);
     SysTickIntEnable();
     SysTickEnable();

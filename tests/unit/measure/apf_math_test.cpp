@@ -8,8 +8,10 @@
 #include <limits>
 #include <string>
 
+#include "board/i2c0.h"
 #include "core/system.h"
 #include "driverlib/interrupt.h"
+#include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
 #include "instruments/ctd_base.h"
 #include "measure/apf_math.h"
@@ -61,11 +63,19 @@ class PhMath : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
+        // The ports (the watchdog's feed line toggles in every delay, the converter's supply and
+        // control lines), the EEPROM and the FRAM's bus are clocked, as after the firmware's start-up.
+        for (uint32_t port = 0; port < 6; ++port) {
+            SysCtlPeripheralEnable(SYSCTL_PERIPH_GPIOA + port);
+        }
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0);
+        i2c0_init(0);
+        UARTStdioConfig(0, 115200, 16000000); // before the defaults are announced on it
         memset(&sys_data, 0, sizeof sys_data);
         memset(&sys_samp, 0, sizeof sys_samp);
         memset(&sampl, 0, sizeof sampl);
         initSysDataVariables();
-        UARTStdioConfig(0, 115200, 16000000);
+        sim::test::drain_console();
         sim::test::clear_console_output();
     }
 };

@@ -9,6 +9,7 @@
 #include "bath.h"
 #include "core/system.h"
 #include "measure/apf_math.h"
+#include "ports/uartstdio.h"
 #include "sim_test.h"
 
 namespace {
@@ -17,6 +18,7 @@ class Bath : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
+        UARTStdioConfig(0, 115200, 16000000); // the defaults are announced on the console
         memset(&sys_data, 0, sizeof sys_data);
         initSysDataVariables();
     }

@@ -1,8 +1,15 @@
 // The simulated on-chip EEPROM: word round trips, the cost of programming, and what becomes of
-// words written past the end of the 2 KiB device.
+// words written past the end of the 2 KiB device; through the TivaWare calls and through the
+// controller's block, offset and data registers.
+#include "registers.h"
+#include "runtime.h"
 #include "sim_test.h"
 
 #include "driverlib/eeprom.h"
+#include "driverlib/sysctl.h"
+#include "inc/hw_eeprom.h"
+#include "inc/hw_ints.h"
+#include "inc/hw_memmap.h"
 
 #include <gtest/gtest.h>
 
@@ -11,9 +18,18 @@
 
 namespace {
 
+// A new power-on period with the controller's clock on, as retrieveSysDataVariables starts it.
+void power_on() {
+    sim::test::power_on(sim::WakeSource::power);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0);
+}
+
 class EepromTest : public ::testing::Test {
   protected:
-    void SetUp() override { sim::test::reset_board(); }
+    void SetUp() override {
+        sim::test::reset_board();
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0);
+    }
 };
 
 TEST_F(EepromTest, ProgramThenReadReturnsTheWordsAndTheBytesSitInTheImage) {
@@ -42,7 +58,7 @@ TEST_F(EepromTest, ProgrammingTakesTheWordWriteTimeAndSurvivesPowerCycles) {
     EXPECT_GE(spent, 10 * 110000u);
     EXPECT_LT(spent, 10 * 120000u);
 
-    sim::test::power_on(sim::WakeSource::power);
+    power_on();
     std::array<uint32_t, 10> in{};
     EEPROMRead(in.data(), 0, sizeof in);
     EXPECT_EQ(in, out);
@@ -65,7 +81,7 @@ TEST_F(EepromTest, WordsPastTheEndLastOnlyUntilThePowerGoes) {
     EEPROMRead(back.data(), address, length);
     EXPECT_EQ(std::memcmp(back.data(), out.data(), length), 0);
 
-    sim::test::power_on(sim::WakeSource::power);
+    power_on();
     back.fill(0xa5a5a5a5);
     EEPROMRead(back.data(), address, length);
     const uint8_t* got = reinterpret_cast<const uint8_t*>(back.data());
@@ -97,6 +113,90 @@ TEST_F(EepromTest, MassEraseLeavesEveryByteErased) {
     EEPROMRead(&r, 100, 4);
     EXPECT_EQ(r, 0xffffffffu);
     EXPECT_EQ(sim::eeprom_bytes()[2047], 0xff);
+}
+
+// ---------------------------------------------------------------- register door
+
+constexpr uint64_t word_program_ns = 110000;
+
+uint32_t reg(uint32_t address) {
+    return sim::dev::eeprom_reg_read(address - EEPROM_BASE);
+}
+
+void set_reg(uint32_t address, uint32_t value) {
+    sim::dev::eeprom_reg_write(address - EEPROM_BASE, value);
+}
+
+uint32_t word_at(uint32_t address) {
+    uint32_t w = 0;
+    std::memcpy(&w, sim::eeprom_bytes() + address, 4);
+    return w;
+}
+
+// Programs one word through the auto-incrementing register and checks the busy flag for exactly
+// the word's program time.
+void program_next(uint32_t value) {
+    uint64_t t0 = sim::now_ns();
+    set_reg(EEPROM_EERDWRINC, value);
+    EXPECT_EQ(sim::now_ns(), t0) << "no time passes in the register door";
+    EXPECT_EQ(reg(EEPROM_EEDONE), static_cast<uint32_t>(EEPROM_EEDONE_WORKING));
+    sim::advance_ns(word_program_ns - 1);
+    EXPECT_EQ(reg(EEPROM_EEDONE), static_cast<uint32_t>(EEPROM_EEDONE_WORKING));
+    sim::advance_ns(1);
+    EXPECT_EQ(reg(EEPROM_EEDONE), 0u);
+}
+
+TEST_F(EepromTest, RegisterProgramAndReadBackWrapWithinTheBlock) {
+    EXPECT_EQ(reg(EEPROM_EESIZE), (32u << 16) | 512u) << "512 words in 32 blocks";
+    set_reg(EEPROM_EEBLOCK, 3);
+    set_reg(EEPROM_EEOFFSET, 14);
+    program_next(0x11111111);
+    program_next(0x22222222);
+    program_next(0x33333333); // the offset wrapped to the block's first word
+    EXPECT_EQ(reg(EEPROM_EEBLOCK), 3u);
+    EXPECT_EQ(reg(EEPROM_EEOFFSET), 1u);
+
+    constexpr uint32_t block3 = 3 * 64;
+    EXPECT_EQ(word_at(block3 + 56), 0x11111111u);
+    EXPECT_EQ(word_at(block3 + 60), 0x22222222u);
+    EXPECT_EQ(word_at(block3), 0x33333333u);
+    EXPECT_EQ(word_at(block3 + 64), 0u) << "the next block is never reached by the increment";
+
+    set_reg(EEPROM_EEOFFSET, 15);
+    EXPECT_EQ(reg(EEPROM_EERDWRINC), 0x22222222u);
+    EXPECT_EQ(reg(EEPROM_EERDWRINC), 0x33333333u);
+    EXPECT_EQ(reg(EEPROM_EERDWR), 0u) << "word 1, not incremented by a plain read";
+    EXPECT_EQ(reg(EEPROM_EEOFFSET), 1u);
+
+    uint32_t back[2] = {};
+    EEPROMRead(back, block3 + 56, sizeof back);
+    EXPECT_EQ(back[0], 0x11111111u);
+    EXPECT_EQ(back[1], 0x22222222u);
+}
+
+TEST_F(EepromTest, RegisterDebugMassEraseNeedsItsKey) {
+    sim::eeprom_bytes()[100] = 0x5A;
+    set_reg(EEPROM_EEDBGME, EEPROM_EEDBGME_ME);
+    EXPECT_EQ(sim::eeprom_bytes()[100], 0x5A);
+    EXPECT_EQ(reg(EEPROM_EEDONE), 0u);
+
+    set_reg(EEPROM_EEDBGME, EEPROM_EEDBGME_KEY | EEPROM_EEDBGME_ME);
+    EXPECT_EQ(reg(EEPROM_EEDONE), static_cast<uint32_t>(EEPROM_EEDONE_WORKING));
+    for (uint32_t i = 0; i < sim::eeprom_size; ++i) {
+        ASSERT_EQ(sim::eeprom_bytes()[i], 0xFF) << "byte " << i;
+    }
+}
+
+void read_size() {
+    EEPROMSizeGet();
+}
+
+TEST(EepromClockTest, ACallWhileTheControllerIsNotClockedIsABusFault) {
+    sim::test::reset_board();
+    sim::register_vector(FAULT_HARD, nullptr);
+    sim::test::Outcome o = sim::test::run(read_size);
+    EXPECT_FALSE(o.returned);
+    EXPECT_EQ(o.event, sim::PowerEvent::reset);
 }
 
 } // namespace

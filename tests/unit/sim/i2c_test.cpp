@@ -1,8 +1,15 @@
 // The simulated I2C0 master and the FRAM on its bus, driven through the TivaWare calls the way a
-// polled driver does it: memory address high byte first, burst sends and receives, repeated start.
+// polled driver does it (memory address high byte first, burst sends and receives, repeated start)
+// and through the master's registers as the emulated processor drives them.
+#include "devices.h"
+#include "registers.h"
+#include "runtime.h"
 #include "sim_test.h"
 
 #include "driverlib/i2c.h"
+#include "driverlib/sysctl.h"
+#include "inc/hw_i2c.h"
+#include "inc/hw_ints.h"
 #include "inc/hw_memmap.h"
 
 #include <gtest/gtest.h>
@@ -60,6 +67,7 @@ class I2cFramTest : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_I2C0);
         I2CMasterInitExpClk(I2C0_BASE, 50000000, false);
     }
 };
@@ -92,6 +100,7 @@ TEST_F(I2cFramTest, AddressIncrementWrapsAtTheEndOfTheMemory) {
 TEST_F(I2cFramTest, ContentsSurviveAPowerCycle) {
     fram_write(0x0100, {9, 8, 7});
     sim::test::power_on(sim::WakeSource::power);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_I2C0);
     I2CMasterInitExpClk(I2C0_BASE, 50000000, true);
     EXPECT_EQ(fram_read(0x0100, 3), (std::vector<uint8_t>{9, 8, 7}));
 }
@@ -138,6 +147,117 @@ TEST_F(I2cFramTest, TransfersTakeTheirBitTimesAtTheConfiguredRate) {
     wait_idle();
     uint64_t fast = sim::now_ns() - t0;
     EXPECT_NEAR(static_cast<double>(fast), 56000.0, 1000.0); // 20 periods of 2.8 us
+}
+
+// ---------------------------------------------------------------- register door
+
+uint32_t reg(uint32_t offset) {
+    return sim::dev::i2c_reg_read(0, offset);
+}
+
+void set_reg(uint32_t offset, uint32_t value) {
+    sim::dev::i2c_reg_write(0, offset, value);
+}
+
+class I2cRegisterTest : public ::testing::Test {
+  protected:
+    // The master enabled and set to 100 kHz from the system clock, as the image's driver does.
+    void SetUp() override {
+        sim::test::reset_board();
+        uint32_t clock = sim::system_clock_hz();
+        uint32_t tpr = (clock + 2 * 10 * 100000 - 1) / (2 * 10 * 100000) - 1;
+        set_reg(I2C_O_MCR, I2C_MCR_MFE);
+        set_reg(I2C_O_MTPR, tpr);
+        period_ns = 20ull * (tpr + 1) * sim::ns_per_s / clock;
+    }
+
+    // Runs a command and lets time pass while the master reports busy; returns how long that was.
+    // The status is checked to stay busy up to the last nanosecond.
+    uint64_t command(uint32_t cmd) {
+        uint64_t t0 = sim::now_ns();
+        set_reg(I2C_O_MCS, cmd);
+        uint64_t done = sim::dev::i2c_next_event_ns();
+        if (done == UINT64_MAX) {
+            return 0;
+        }
+        sim::advance_ns(done - 1 - sim::now_ns());
+        EXPECT_NE(reg(I2C_O_MCS) & I2C_MCS_BUSY, 0u) << "busy until the last bit is out";
+        sim::advance_ns(1);
+        EXPECT_EQ(reg(I2C_O_MCS) & I2C_MCS_BUSY, 0u);
+        EXPECT_EQ(sim::dev::i2c_next_event_ns(), UINT64_MAX);
+        return sim::now_ns() - t0;
+    }
+
+    void send(uint32_t cmd, uint8_t byte, uint64_t periods) {
+        set_reg(I2C_O_MDR, byte);
+        EXPECT_EQ(command(cmd), periods * period_ns);
+        EXPECT_EQ(reg(I2C_O_MCS) & I2C_MCS_ERROR, 0u);
+    }
+
+    uint64_t period_ns = 0;
+};
+
+constexpr uint32_t start_run = I2C_MCS_START | I2C_MCS_RUN;
+
+TEST_F(I2cRegisterTest, FramWriteAndReadBackThroughMsaMdrAndMcs) {
+    // Start with the address byte (1 + 9 periods), each further byte 9, the stop 1.
+    set_reg(I2C_O_MSA, fram << 1);
+    send(start_run, 0x01, 1 + 9 + 9);
+    send(I2C_MCS_RUN, 0x23, 9);
+    send(I2C_MCS_RUN | I2C_MCS_STOP, 0xA5, 9 + 1);
+    EXPECT_EQ(sim::fram_bytes()[0x0123], 0xA5);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_IDLE));
+
+    set_reg(I2C_O_MSA, fram << 1);
+    send(start_run, 0x01, 1 + 9 + 9);
+    send(I2C_MCS_RUN, 0x23, 9);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_BUSBSY)) << "the master holds the bus";
+    set_reg(I2C_O_MSA, (fram << 1) | I2C_MSA_RS);
+    EXPECT_EQ(reg(I2C_O_MSA), (fram << 1) | I2C_MSA_RS);
+    set_reg(I2C_O_MCS, start_run | I2C_MCS_STOP);
+    EXPECT_EQ(reg(I2C_O_MDR), 0x23u) << "the received byte shows only when the master is done";
+    sim::advance_ns(sim::dev::i2c_next_event_ns() - sim::now_ns());
+    EXPECT_EQ(reg(I2C_O_MDR), 0xA5u);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_IDLE));
+}
+
+TEST_F(I2cRegisterTest, AnUnansweredAddressIsReportedOnceTheAddressByteIsOut) {
+    set_reg(I2C_O_MSA, 0x51 << 1);
+    set_reg(I2C_O_MCS, start_run);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_BUSY | I2C_MCS_BUSBSY)) << "no error while busy";
+    sim::advance_ns(sim::dev::i2c_next_event_ns() - sim::now_ns());
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_ERROR | I2C_MCS_ADRACK | I2C_MCS_BUSBSY));
+
+    // Every finished command raises the raw interrupt status; the mask gates the masked one.
+    EXPECT_EQ(reg(I2C_O_MRIS), 1u);
+    EXPECT_EQ(reg(I2C_O_MMIS), 0u);
+    set_reg(I2C_O_MIMR, 1);
+    EXPECT_EQ(reg(I2C_O_MMIS), 1u);
+    set_reg(I2C_O_MICR, 1);
+    EXPECT_EQ(reg(I2C_O_MRIS), 0u);
+
+    EXPECT_EQ(command(I2C_MCS_STOP), period_ns);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_IDLE));
+}
+
+TEST_F(I2cRegisterTest, ADisabledMasterTakesNoCommands) {
+    set_reg(I2C_O_MCR, 0);
+    set_reg(I2C_O_MSA, fram << 1);
+    set_reg(I2C_O_MCS, start_run | I2C_MCS_STOP);
+    EXPECT_EQ(reg(I2C_O_MCS), static_cast<uint32_t>(I2C_MCS_IDLE));
+    EXPECT_EQ(sim::dev::i2c_next_event_ns(), UINT64_MAX);
+}
+
+void init_i2c0() {
+    I2CMasterInitExpClk(I2C0_BASE, 50000000, false);
+}
+
+TEST(I2cClockTest, ACallOnAMasterWhoseClockIsOffIsABusFault) {
+    sim::test::reset_board();
+    sim::register_vector(FAULT_HARD, nullptr);
+    sim::test::Outcome o = sim::test::run(init_i2c0);
+    EXPECT_FALSE(o.returned);
+    EXPECT_EQ(o.event, sim::PowerEvent::reset);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "runtime.h"
 #include "sim_test.h"
 
+#include "driverlib/sysctl.h"
 #include "driverlib/uart.h"
 #include "inc/hw_memmap.h"
 
@@ -27,6 +28,7 @@ class Sbe37Model : public ::testing::Test {
     void SetUp() override {
         sim::test::reset_board();
         sim::test::set_scenario("port4", "sbe37");
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_UART4);
         UARTClockSourceSet(UART4_BASE, UART_CLOCK_PIOSC);
         UARTConfigSetExpClk(UART4_BASE, 16000000, 9600, config_8n1);
     }
@@ -154,6 +156,7 @@ TEST_F(Sbe37Model, PowerOnPutsItToSleepWithNothingPending) {
     send("ts\r");
     listen(0.5);
     sim::test::power_on(sim::WakeSource::power);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_UART4);
     UARTClockSourceSet(UART4_BASE, UART_CLOCK_PIOSC);
     UARTConfigSetExpClk(UART4_BASE, 16000000, 9600, config_8n1);
     EXPECT_EQ(text(listen(3.0)), "");

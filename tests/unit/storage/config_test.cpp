@@ -52,6 +52,7 @@ class DataFile : public ::testing::Test {
         microSD_flg = 0;
         UARTStdioConfig(0, 115200, 16000000);
         i2c0_init(0);
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0); // as retrieveSysDataVariables opens it
         sys_data.baud_rate = 115200;
         initSysDataVariables();
         sys_samp.initNum = SYS_SAMP_INIT_NUM;

@@ -8,6 +8,7 @@
 
 #include "board/i2c0.h"
 #include "core/system.h"
+#include "driverlib/sysctl.h"
 #include "hostlink/apf.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
@@ -20,6 +21,9 @@ class Fram : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
+        // Every delay toggles the watchdog's feed line (PF1): its port is clocked, as after the
+        // firmware's pin set-up.
+        SysCtlPeripheralEnable(SYSCTL_PERIPH_GPIOF);
         UARTStdioConfig(0, 115200, 16000000);
         i2c0_init(0);
         sim::test::clear_console_output();
