@@ -280,6 +280,10 @@ bool take_exception(int vector) {
     uint32_t frame_sp = (sp - (fp_frame ? 104u : 32u)) & ~7u;
     push_frame(frame_sp, reg(UC_ARM_REG_PC));
     uint32_t handler = read_word(c.scs.vtor + 4u * static_cast<uint32_t>(vector));
+    if (c.stack_limit && frame_sp < c.stack_limit && vector != hard_fault) {
+        // Reported at the interrupted instruction; the handler runs into the fault at once.
+        raise_fault(cfsr_stkerr, frame_sp, "stack overflow: an exception frame below the stack reserve");
+    }
 
     set_reg(UC_ARM_REG_SP, frame_sp);
     set_reg(UC_ARM_REG_LR, return_trap | 1);
@@ -289,9 +293,6 @@ bool take_exception(int vector) {
     int previous_priority = c.active_priority;
     c.active_vector = vector;
     c.active_priority = vector == hard_fault ? -1 : exception_priority(vector);
-    if (c.stack_limit && frame_sp < c.stack_limit && vector != hard_fault) {
-        raise_fault(cfsr_stkerr, frame_sp, "stack overflow: an exception frame below the stack reserve");
-    }
     bool ok = run_until(return_trap);
     c.active_vector = previous_vector;
     c.active_priority = previous_priority;

@@ -141,6 +141,28 @@ TEST_F(Chip, FaultsRunTheImagesHandlerAndAreReported) {
     EXPECT_EQ(chip::faults(), 3u);
 }
 
+// The stack reserve's lower end, from the image's symbols.
+uint32_t stack_limit() {
+    uint32_t v = 0;
+    EXPECT_TRUE(chip::find_symbol(chip::image(), "__stack_limit", v));
+    return v;
+}
+
+TEST_F(Chip, AStackBelowItsReserveIsAFault) {
+    start_board();
+    call("SysTickPeriodSet", {300});
+    call("SysTickIntEnable", {});
+    call("SysTickEnable", {});
+    // Calls run on the current stack: put it just above the limit, so that the next exception
+    // frame lands below it.
+    chip::set_register(UC_ARM_REG_SP, stack_limit() + 16);
+    chip::set_register(UC_ARM_REG_S0, 0);
+    chip::set_register(UC_ARM_REG_S1, 0);
+    uint32_t r = 0;
+    EXPECT_FALSE(chip::call("_Z10calc_pHintff", {}, &r, 2 * ns_per_s));
+    EXPECT_NE(chip::last_fault().find("stack overflow"), std::string::npos) << chip::last_fault();
+}
+
 float as_float(uint32_t bits) {
     float f = 0;
     std::memcpy(&f, &bits, 4);
