@@ -64,6 +64,23 @@ inline std::string card_file(const std::string& image, const std::string& name) 
     return run_shell("MTOOLS_SKIP_CHECK=1 mtype -i " + image + " ::" + name + " 2>&1");
 }
 
+// A new blank (sparse, unformatted) card image of `bytes` bytes under /tmp, named after tag; empty
+// on failure.
+inline std::string make_blank_card(const std::string& tag, off_t bytes) {
+    std::string name = "/tmp/hxc3-" + tag + "-XXXXXX";
+    int fd = mkstemp(name.data());
+    if (fd < 0) {
+        return "";
+    }
+    bool sized = ftruncate(fd, bytes) == 0;
+    close(fd);
+    if (!sized) {
+        unlink(name.c_str());
+        return "";
+    }
+    return name;
+}
+
 // A new 32 MiB FAT32 card image made by mkfs.fat under /tmp, named after tag; empty on failure.
 inline std::string make_card_image(const std::string& tag) {
     std::string name = "/tmp/hxc3-" + tag + "-XXXXXX";

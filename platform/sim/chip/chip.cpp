@@ -57,7 +57,6 @@ struct Context {
     uint32_t xpsr, primask, basepri, faultmask, control, fpscr;
     uint32_t s[32];
 };
-int g_depth = 0;
 
 const int core_regs[16] = {UC_ARM_REG_R0,  UC_ARM_REG_R1, UC_ARM_REG_R2,  UC_ARM_REG_R3,
                            UC_ARM_REG_R4,  UC_ARM_REG_R5, UC_ARM_REG_R6,  UC_ARM_REG_R7,
@@ -129,7 +128,7 @@ uint64_t delay_loops_to_skip() {
         return 0;
     }
     uint64_t now = now_ns();
-    uint64_t next = next_event_ns();
+    uint64_t next = sim::next_event_ns();
     if (next <= now) {
         return 0;
     }
@@ -169,47 +168,34 @@ bool on_invalid(uc_engine*, uc_mem_type type, uint64_t address, int size, int64_
     return false;
 }
 
-const char* access_kind(uc_err e) {
-    switch (e) {
-    case UC_ERR_READ_UNMAPPED:
-        return "read of unmapped address";
-    case UC_ERR_WRITE_UNMAPPED:
-        return "write to unmapped address";
-    case UC_ERR_FETCH_UNMAPPED:
-        return "instruction fetch from unmapped address";
-    case UC_ERR_WRITE_PROT:
-        return "write to read-only memory";
-    case UC_ERR_READ_PROT:
-        return "read of protected memory";
-    case UC_ERR_FETCH_PROT:
-        return "instruction fetch from non-executable memory";
-    case UC_ERR_READ_UNALIGNED:
-    case UC_ERR_WRITE_UNALIGNED:
-    case UC_ERR_FETCH_UNALIGNED:
-        return "unaligned access";
-    case UC_ERR_INSN_INVALID:
-        return "undefined instruction";
-    default:
-        return "processor exception";
-    }
-}
+// What an emulator error is on the chip: its description and the fault status bits it sets.
+struct FaultKind {
+    const char* text;
+    uint32_t cfsr;
+};
 
-uint32_t fault_status(uc_err e) {
+FaultKind fault_kind(uc_err e) {
     switch (e) {
     case UC_ERR_READ_UNMAPPED:
+        return {"read of unmapped address", cfsr_preciserr | cfsr_bfarvalid};
     case UC_ERR_WRITE_UNMAPPED:
+        return {"write to unmapped address", cfsr_preciserr | cfsr_bfarvalid};
     case UC_ERR_WRITE_PROT:
+        return {"write to read-only memory", cfsr_preciserr | cfsr_bfarvalid};
     case UC_ERR_READ_PROT:
-        return cfsr_preciserr | cfsr_bfarvalid;
+        return {"read of protected memory", cfsr_preciserr | cfsr_bfarvalid};
     case UC_ERR_FETCH_UNMAPPED:
+        return {"instruction fetch from unmapped address", cfsr_ibuserr};
     case UC_ERR_FETCH_PROT:
-        return cfsr_ibuserr;
+        return {"instruction fetch from non-executable memory", cfsr_ibuserr};
     case UC_ERR_READ_UNALIGNED:
     case UC_ERR_WRITE_UNALIGNED:
     case UC_ERR_FETCH_UNALIGNED:
-        return cfsr_unaligned;
+        return {"unaligned access", cfsr_unaligned};
+    case UC_ERR_INSN_INVALID:
+        return {"undefined instruction", cfsr_undefinstr};
     default:
-        return cfsr_undefinstr;
+        return {"processor exception", cfsr_undefinstr};
     }
 }
 
@@ -271,7 +257,6 @@ bool take_exception(int vector) {
         set_pending(vector, false);
     }
     ++c.exceptions;
-    ++g_depth;
     Context saved{};
     save_context(saved);
 
@@ -296,7 +281,6 @@ bool take_exception(int vector) {
     bool ok = run_until(return_trap);
     c.active_vector = previous_vector;
     c.active_priority = previous_priority;
-    --g_depth;
     if (!ok) {
         return false;
     }
@@ -327,16 +311,13 @@ bool take_fault() {
     return take_exception(hard_fault);
 }
 
+// An instruction that cannot execute faults at its own address; an access at the one it touched.
 void fault_from_emulator(uc_err e) {
     Chip& c = g_chip;
-    uint32_t pc = reg(UC_ARM_REG_PC);
-    uint32_t address = static_cast<uint32_t>(c.invalid_address);
-    if (e == UC_ERR_FETCH_UNMAPPED || e == UC_ERR_FETCH_PROT || e == UC_ERR_INSN_INVALID ||
-        e == UC_ERR_EXCEPTION) {
-        address = (e == UC_ERR_FETCH_UNMAPPED || e == UC_ERR_FETCH_PROT) ? address : pc;
-    }
-    raise_fault(fault_status(e), address, access_kind(e));
-    c.fault_pc = pc;
+    FaultKind k = fault_kind(e);
+    bool at_pc = e == UC_ERR_INSN_INVALID || e == UC_ERR_EXCEPTION;
+    uint32_t address = at_pc ? reg(UC_ARM_REG_PC) : static_cast<uint32_t>(c.invalid_address);
+    raise_fault(k.cfsr, address, k.text);
 }
 
 bool run_until(uint32_t stop) {
@@ -427,10 +408,6 @@ Chip& chip() {
     return g_chip;
 }
 
-uint64_t next_event_ns() {
-    return sim::next_event_ns();
-}
-
 void charge_cycles(uint64_t cycles) {
     Chip& c = g_chip;
     c.ps += cycles * ps_per_cycle();
@@ -438,6 +415,9 @@ void charge_cycles(uint64_t cycles) {
     c.ps -= ns * 1000;
     Shared& s = shared();
     uint64_t t = s.now_ns + ns;
+    if (c.deadline == 0) {
+        c.deadline = sim::next_event_ns(); // a register access may have moved the next event
+    }
     if (t < c.deadline) {
         s.now_ns = t;
         return;
@@ -502,7 +482,6 @@ bool load_image(const std::string& path, std::string& error) {
             return false;
         }
     }
-    c.loaded = true;
     find_addresses();
     return true;
 }
@@ -513,7 +492,7 @@ const ElfImage& image() {
 
 bool power_on_reset() {
     Chip& c = g_chip;
-    if (!c.loaded) {
+    if (c.image.segments.empty()) {
         message("no image loaded");
         return false;
     }
@@ -541,7 +520,6 @@ bool power_on_reset() {
     c.poll_repeats = 0;
     c.call_deadline = UINT64_MAX;
     c.call_expired = false;
-    g_depth = 0;
     scs_reset();
     dev::sysctl_reg_reset();
     core().emulated = true;
@@ -611,7 +589,6 @@ bool call_at(uint32_t address, std::initializer_list<uint32_t> args, uint32_t* r
         c.halted = false;
         c.active_vector = 0;
         c.active_priority = 256;
-        g_depth = 0;
         set_reg(UC_ARM_REG_SP, read_word(0));
     }
     return ok && c.fault_count == faults_before;

@@ -37,7 +37,6 @@ struct Scs {
 struct Chip {
     uc_engine* uc = nullptr;
     ElfImage image;
-    bool loaded = false;
 
     // Time: picoseconds not yet added to virtual time, and the next moment something is due.
     uint64_t ps = 0;
@@ -84,7 +83,6 @@ Chip& chip();
 // chip.cpp
 void charge_cycles(uint64_t cycles);
 bool irq_ready();
-uint64_t next_event_ns();
 void raise_fault(uint32_t cfsr, uint32_t address, const std::string& text);
 
 // memory_map.cpp

@@ -175,7 +175,7 @@ void fast_forward_poll(uint32_t address, uint32_t value) {
         return;
     }
     uint64_t now = now_ns();
-    uint64_t target = std::min(next_event_ns(), now + poll_max_skip_ns);
+    uint64_t target = std::min(sim::next_event_ns(), now + poll_max_skip_ns);
     if (target > now) {
         advance_ns(target - now);
         c.check_irq = true; // an interrupt this raised is taken when the current block ends

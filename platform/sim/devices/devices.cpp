@@ -70,6 +70,14 @@ uint16_t Fifo::pop() {
     return v;
 }
 
+uint32_t peripheral_id_word(const uint8_t (&id)[12], uint32_t offset) {
+    constexpr uint32_t first = 0xFD0;
+    if (offset < first || offset > 0xFFC || (offset & 3) != 0) {
+        return 0;
+    }
+    return id[(offset - first) / 4];
+}
+
 bool access(uint32_t cycles) {
     uint64_t before = now_ns();
     spend_cycles(cycles);

@@ -20,6 +20,9 @@ struct Fifo {
     uint16_t pop(); // 0 when empty
     void clear() { head = count = 0; }
 };
+// The identification registers of a UART or SSI module: twelve words from 0xFD0, one byte each;
+// any other offset reads 0.
+uint32_t peripheral_id_word(const uint8_t (&id)[12], uint32_t offset);
 // The cost of one register access through the API. Returns false when virtual time cannot pass at
 // this point (inside an interrupt handler, which the runtime runs in no time).
 bool access(uint32_t cycles);

@@ -47,7 +47,6 @@ constexpr uint32_t int_bits = SSI_TXFF | SSI_RXFF | SSI_RXTO | SSI_RXOR;
 constexpr uint32_t latched_bits = SSI_RXTO | SSI_RXOR; // the FIFO level flags follow the FIFOs
 
 // The identification registers from 0xFD0 on.
-constexpr uint32_t o_periph_id4 = 0xFD0;
 constexpr uint8_t id_bytes[12] = {0x00, 0x00, 0x00, 0x00, 0x22, 0x00, 0x18, 0x01, 0x0D, 0xF0, 0x05, 0xB1};
 
 struct Attachment {
@@ -314,13 +313,6 @@ uint32_t status(const Ssi& s) {
     return sr;
 }
 
-uint32_t id_register(uint32_t offset) {
-    if (offset < o_periph_id4 || offset > 0xFFC || (offset & 3) != 0) {
-        return 0;
-    }
-    return id_bytes[(offset - o_periph_id4) / 4];
-}
-
 void ensure_flash() {
     if (flash_attached) {
         return;
@@ -430,7 +422,7 @@ uint32_t ssi_reg_read(int module, uint32_t offset) {
     case SSI_O_CC:
         return s.cc;
     default:
-        return id_register(offset);
+        return peripheral_id_word(id_bytes, offset);
     }
 }
 

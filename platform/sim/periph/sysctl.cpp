@@ -399,7 +399,7 @@ void SysCtlClockSet(uint32_t ui32Config) {
     spend_cycles(api_call_cycles);
     bool pll = (ui32Config & SYSCTL_USE_OSC) != SYSCTL_USE_OSC;
     bool main_osc = (ui32Config & 0x30) == SYSCTL_OSC_MAIN;
-    g_clock_failed = main_osc && scenario_num("board.xtal", 1) == 0;
+    g_clock_failed = main_osc && !dev::crystal_fitted();
     if (g_clock_failed) {
         core().clock_hz = piosc_hz;
         return;

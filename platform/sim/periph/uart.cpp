@@ -56,7 +56,6 @@ constexpr uint32_t frame_format_bits =
 
 // Peripheral properties (smart card and 9-bit modes present) and the identification registers.
 constexpr uint32_t o_pp = 0xFC0;
-constexpr uint32_t o_periph_id4 = 0xFD0;
 constexpr uint8_t id_bytes[12] = {0x00, 0x00, 0x00, 0x00, 0x60, 0x00, 0x18, 0x01, 0x0D, 0xF0, 0x05, 0xB1};
 
 struct Uart {
@@ -344,10 +343,7 @@ uint32_t id_register(uint32_t offset) {
     if (offset == o_pp) {
         return 0x3;
     }
-    if (offset < o_periph_id4 || offset > 0xFFC || (offset & 3) != 0) {
-        return 0;
-    }
-    return id_bytes[(offset - o_periph_id4) / 4];
+    return peripheral_id_word(id_bytes, offset);
 }
 
 } // namespace

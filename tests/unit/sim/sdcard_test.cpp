@@ -93,12 +93,8 @@ class CardModel : public ::testing::Test {
     void SetUp() override {
         sim::test::reset_board();
         ASSERT_TRUE(sim::test::run(start_board).returned);
-        char name[] = "/tmp/hxc3-sdcard-XXXXXX";
-        int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(ftruncate(fd, 16 * mib), 0);
-        close(fd);
-        image = name;
+        image = test_board::make_blank_card("sdcard", 16 * mib);
+        ASSERT_FALSE(image.empty());
         sim::sd_set_image(image);
     }
     void TearDown() override {

@@ -283,12 +283,8 @@ class SsiCardClockTest : public ::testing::Test {
     void SetUp() override {
         sim::test::reset_board();
         ASSERT_TRUE(sim::test::run(test_board::start_clocks).returned); // 50 MHz
-        char name[] = "/tmp/hxc3-ssi-card-XXXXXX";
-        int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(ftruncate(fd, 16 * mib), 0);
-        close(fd);
-        image = name;
+        image = test_board::make_blank_card("ssi-card", 16 * mib);
+        ASSERT_FALSE(image.empty());
         sim::sd_set_image(image);
         SysCtlPeripheralEnable(SYSCTL_PERIPH_SSI0);
         GPIOPinTypeSSI(GPIO_PORTA_BASE, GPIO_PIN_2 | GPIO_PIN_4 | GPIO_PIN_5);
