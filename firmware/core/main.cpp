@@ -144,6 +144,24 @@ void deployed_uncounted_wake(void) {
     storeSysDataVariables();
 }
 
+// A wake without a sample (a key, the menu, the host link) keeps the pending wake while it is still
+// ahead: advancing it would skip the scheduled sample. A pending wake that has passed (the operator
+// kept the board awake through it) moves to the first time ahead of now on the same grid, so the
+// schedule does not drift and no burst of catch-up samples follows.
+void keep_pending_wake(void) {
+    uint32_t now = HibernateRTCGet();
+    if (sys_samp.nextWakeUp > now) {
+        return;
+    }
+    compute_nextWakeUp();
+    uint32_t period = sys_data.sampling_period;
+    if (sys_samp.nextWakeUp > now || period == 0) {
+        return;
+    }
+    uint32_t behind = now - sys_samp.nextWakeUp;
+    sys_samp.nextWakeUp += (behind / period + 1) * period;
+}
+
 void dispatch_deployed(void) {
     if (wakeSource == WAKE_PIN) {
         deployed_pin_wake();
@@ -319,8 +337,10 @@ void deploy(uint32_t state, uint32_t skip_sample) {
     }
     if (skip_sample == 0) {
         pump_and_sample(1, 1);
+        compute_nextWakeUp();
+    } else {
+        keep_pending_wake();
     }
-    compute_nextWakeUp();
     sleep(1, sys_samp.nextWakeUp);
 }
 

@@ -199,6 +199,49 @@ void ask_pump_settings(void) {
     }
 }
 
+// Set by run_main_menu_key when the key chose an entry (which restarts the menu's deadline).
+bool main_menu_entry_ran = false;
+
+// Acts on one key of the main menu; true when the operator chose the command line.
+bool run_main_menu_key(uint8_t key) {
+    main_menu_entry_ran = true;
+    switch (key) {
+    case '1':
+        configuration_menu();
+        return false;
+    case '2':
+        test_menu();
+        return false;
+    case '3':
+        sleep(0, 0);
+        return false;
+    case '4':
+        deploy_start();
+        return false;
+    case '5':
+        if (microSD_flg == 1) {
+            viewFiles();
+        } else {
+            uprintf("\r\nMicroSD card not detected, file commands are not available\r\n");
+        }
+        return false;
+    case '6':
+    case 'C':
+    case 'c':
+        return true;
+    case '7':
+        vesk_zone_menu();
+        return false;
+    case 'H':
+    case 'h':
+        help_menu();
+        return false;
+    default:
+        main_menu_entry_ran = false;
+        return false;
+    }
+}
+
 // Calendar fields typed by the operator to RTC seconds; 0 when a field is out of range.
 uint32_t seconds_from_fields(int mon, int day, int year, int hour, int min, int sec) {
     if (year < 0 || year > 99 || day < 1 || static_cast<uint32_t>(day) > days_in_month(year + 2000, mon) ||
@@ -209,11 +252,16 @@ uint32_t seconds_from_fields(int mon, int day, int year, int hour, int min, int 
 }
 } // namespace
 
+namespace {
+// Seconds the main menu shows as left before it sleeps.
+uint32_t menu_seconds_left = 30;
+} // namespace
+
 void print_main_menu(void) {
     eeprom_firmware_qa_check();
     uprintf("\r\n\r\n\r\n");
     uprintf("Main Menu -- %s -- Will sleep in %u seconds\r\n", FIRMWARE_VERSION,
-            static_cast<unsigned>(deployDelay));
+            static_cast<unsigned>(menu_seconds_left));
     uprintf("1 -- Configure\r\n");
     uprintf("2 -- Test\r\n");
     uprintf("3 -- Sleep\r\n");
@@ -225,48 +273,26 @@ void print_main_menu(void) {
     uprintf("Enter Selection: ");
 }
 
+// The deadline restarts only when an entry has run: a key that selects nothing, or a controller's
+// "U", shows the menu again with the time that is left, so no stream of bytes (line noise, a
+// controller retrying) keeps the board awake past it.
 void exec_main_menu(void) {
     UARTEchoSet(true);
+    uint32_t deadline = HibernateRTCGet() + deployDelay;
     for (;;) {
+        uint32_t now = HibernateRTCGet();
+        menu_seconds_left = deadline > now ? deadline - now : 0;
         print_main_menu();
         UARTFlushRx();
-        if (!wait_key_until(HibernateRTCGet() + deployDelay)) {
+        if (!wait_key_until(deadline)) {
             menu_timed_out();
             return;
         }
-        switch (get_key_m2m()) {
-        case '1':
-            configuration_menu();
-            break;
-        case '2':
-            test_menu();
-            break;
-        case '3':
-            sleep(0, 0);
-            break;
-        case '4':
-            deploy_start();
-            break;
-        case '5':
-            if (microSD_flg == 1) {
-                viewFiles();
-            } else {
-                uprintf("\r\nMicroSD card not detected, file commands are not available\r\n");
-            }
-            break;
-        case '6':
-        case 'C':
-        case 'c':
+        if (run_main_menu_key(get_key_m2m())) {
             return;
-        case '7':
-            vesk_zone_menu();
-            break;
-        case 'H':
-        case 'h':
-            help_menu();
-            break;
-        default:
-            break;
+        }
+        if (main_menu_entry_ran) {
+            deadline = HibernateRTCGet() + deployDelay;
         }
     }
 }

@@ -253,7 +253,7 @@ void cmd_get_timestamp(void) {
 void cmd_test_timestamp(uint8_t arg) {
     (void)arg;
     if (sys_data.data_cfg[CFG_TIMESTAMP] == 2) {
-        char text[16];
+        char text[32]; // until 2040 the count wraps to a 20-digit value
         format_ms_timestamp(text, sizeof text, HibernateRTCGet());
         uprintf("%s", text);
     } else if (sys_data.data_cfg[CFG_TIMESTAMP] == 1) {

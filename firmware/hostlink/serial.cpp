@@ -12,6 +12,7 @@
 #include "core/board_util.h"
 #include "core/menu.h"
 #include "core/timebase.h"
+#include "driverlib/hibernate.h"
 #include "hostlink/apf.h"
 #include "hostlink/serial_cmd.h"
 #include "ports/uartstdio.h"
@@ -189,6 +190,21 @@ int32_t frame_byte(uint8_t c) {
     return STATE_FRAME;
 }
 
+// A controller that finds the menu open sends "U", which the receive machine refuses; the refusal
+// hands the key back to the menu. The menu may itself be running inside the receive machine (opened
+// by the fourth Enter, or by "m" on the command line), so the machine restarts from idle first:
+// otherwise its open line or break-in state would take the byte and open a menu within this one.
+// From idle every byte is handled at once, so this never waits.
+void refuse_in_menu(void) {
+    UARTEchoSet(false);
+    rx0.state = STATE_IDLE;
+    rx0.cr_cnt = 0;
+    rx0.indx = 0;
+    memset(rx0.buf, 0, sizeof(rx0.buf));
+    handle_m2m_comm();
+    UARTEchoSet(true);
+}
+
 } // namespace
 
 void m2m_statemachine_init(void) {
@@ -251,21 +267,19 @@ int32_t handle_m2m_comm(void) {
 }
 
 uint8_t get_key_m2m(void) {
+    uint32_t deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
     for (;;) {
         if (UARTPeek('\r') >= 0) {
             char line[5];
             UARTgets(line, sizeof(line));
             return static_cast<uint8_t>(line[0]);
         }
-        // A controller that finds the menu open sends "U", which the receive machine refuses; its
-        // refusal hands the key back to the menu.
         if (UARTPeek('U') >= 0) {
-            UARTEchoSet(false);
-            while ((handle_m2m_comm() & 0xFF) != 1) {
-                wdog_pet();
-            }
-            UARTEchoSet(true);
+            refuse_in_menu();
             return 1;
+        }
+        if (HibernateRTCGet() >= deadline) {
+            return 0;
         }
         wdog_pet();
     }

@@ -31,7 +31,11 @@ void m2m_statemachine_init(void);
 void apf_set_m2m_timeout(void);
 // Human mode: seconds of silence end a line.
 void apf_set_h2m_timeout(uint32_t seconds);
-// Key reader of the menus while a controller may be attached.
+// Seconds a menu question waits for its answer before it gives up.
+inline constexpr uint32_t MENU_KEY_TIMEOUT_S = 60;
+// Key reader of the menus while a controller may be attached: the first byte of the next line, 1
+// after a controller's "U" (refused by the receive machine, which never opens a menu from here), or
+// 0 when nothing came within MENU_KEY_TIMEOUT_S seconds.
 uint8_t get_key_m2m(void);
 // 6 when text (cut at its first CR or LF) is "ACK" in any case, 21 when it is "NAK", -1 otherwise.
 int32_t MatchACK(char* text);

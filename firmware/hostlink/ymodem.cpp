@@ -445,8 +445,10 @@ Outcome receive_data(RxFile& f) {
 
 // Hands a whole file to the calibration reader and stores the settings.
 void load_calibration(const RxFile& f) {
+    if (parse_cal_packet(memory_file, f.received) != 0) {
+        return;
+    }
     set_cal_filename(f.name);
-    parse_cal_packet(memory_file, f.received);
     storeSysDataVariables();
     rx.cal_loaded = true;
 }

@@ -255,8 +255,12 @@ void compute_results() {
     }
     if (cfg[CFG_CALC_PH_VRSE]) {
         // Without a CTD the configured salinity stands; with one, the last salinity it reported,
-        // which is stale when its latest pass failed.
-        float salinity = cfg[CFG_UART4_INST] == uart4_no_ctd ? sys_data.default_sal : sys_samp.sensor_sal;
+        // which is stale when its latest pass failed. A CTD that has not reported yet (0) or sent
+        // nonsense would make the pH -inf or nan, so the configured salinity stands in for it.
+        float salinity = sys_samp.sensor_sal;
+        if (cfg[CFG_UART4_INST] == uart4_no_ctd || !(salinity > 0.0f)) {
+            salinity = sys_data.default_sal;
+        }
         sampl.pHext = calc_pHext(sampl.fVrse, sampl.fTempC, salinity);
         diag("\r\nCalc pH Ext  = %5u,   %5u");
     }

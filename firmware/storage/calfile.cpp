@@ -1,9 +1,9 @@
 // Calibration coefficient files: reading the 20-line ".cal" text from memory or from the card into
 // sys_data, and printing the stored calibration as such a text or as one record line.
 //
-// Lines are read by position. Each line is scanned into a holder first (zeroed floats, empty texts),
-// so a line that does not scan stores zero or an empty text; the texts are then cut to the sizes
-// the record keeps (7 characters for serial numbers, 10 for dates).
+// Lines are read by position. Every line is scanned into a holder first; only when all twenty carry
+// their key and a readable value does anything reach sys_data, so a bad file changes nothing. The
+// texts are cut to the sizes the record keeps (7 characters for serial numbers, 10 for dates).
 #include "storage/calfile.h"
 
 #include "core/menu.h"
@@ -14,6 +14,7 @@
 #include "ports/uartstdio.h"
 #include "storage/microsd.h"
 
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -45,72 +46,77 @@ struct CalHolders {
 // The card's reader works on one file at a time; kept out of the stack (a FIL holds a sector).
 FIL cal_fil;
 
-// Scans line n (0-based) of a calibration file into its holder. ise_sn is where the ISE number goes.
-void scan_cal_line(uint32_t n, const char* line, CalHolders& h, char* ise_sn) {
+// The key each line must begin with, by position.
+constexpr const char* CAL_KEYS[CAL_LINE_COUNT] = {
+    "Sensor_SN", "ISFET_SN",    "ISE_SN", "PT_Cal_date", "k2_C0",    "k2_C1",        "k2_C2",
+    "k2_C3",     "fP_0",        "fP_1",   "fP_2",        "fP_3",     "fP_4",         "fP_5",
+    "fP_6",      "k0_Cal_date", "k0_HCl", "k0_SW",       "k0std_SW", "service_date",
+};
+
+bool scan_text(const char* line, const char* format, char* holder) {
+    return sscanf(line, format, holder) == 1;
+}
+
+// A coefficient must be a finite number: "nan" and "inf" scan as floats but are no calibration.
+bool scan_float(const char* line, const char* format, float* holder) {
+    return sscanf(line, format, holder) == 1 && std::isfinite(*holder);
+}
+
+// Scans line n (0-based) of a calibration file into its holder; false when the line does not carry
+// its key and a readable value. ise_sn is where the ISE number goes.
+bool scan_cal_line(uint32_t n, const char* line, CalHolders& h, char* ise_sn) {
     switch (n) {
     case 0:
-        sscanf(line, "Sensor_SN,%32s", h.sensor_sn);
-        return;
+        return scan_text(line, "Sensor_SN,%32s", h.sensor_sn);
     case 1:
-        sscanf(line, "ISFET_SN,%32s", h.isfet_sn);
-        return;
+        return scan_text(line, "ISFET_SN,%32s", h.isfet_sn);
     case 2:
-        sscanf(line, "ISE_SN,%32s", ise_sn);
-        return;
+        return scan_text(line, "ISE_SN,%32s", ise_sn);
     case 3:
-        sscanf(line, "PT_Cal_date,%32s", h.pt_cal_date);
-        return;
+        return scan_text(line, "PT_Cal_date,%32s", h.pt_cal_date);
     case 4:
-        sscanf(line, "k2_C0,%f", &h.k2[0]);
-        return;
+        return scan_float(line, "k2_C0,%f", &h.k2[0]);
     case 5:
-        sscanf(line, "k2_C1,%f", &h.k2[1]);
-        return;
+        return scan_float(line, "k2_C1,%f", &h.k2[1]);
     case 6:
-        sscanf(line, "k2_C2,%f", &h.k2[2]);
-        return;
+        return scan_float(line, "k2_C2,%f", &h.k2[2]);
     case 7:
-        sscanf(line, "k2_C3,%f", &h.k2[3]);
-        return;
+        return scan_float(line, "k2_C3,%f", &h.k2[3]);
     case 8:
-        sscanf(line, "fP_0,%f", &h.fp[0]);
-        return;
+        return scan_float(line, "fP_0,%f", &h.fp[0]);
     case 9:
-        sscanf(line, "fP_1,%f", &h.fp[1]);
-        return;
+        return scan_float(line, "fP_1,%f", &h.fp[1]);
     case 10:
-        sscanf(line, "fP_2,%f", &h.fp[2]);
-        return;
+        return scan_float(line, "fP_2,%f", &h.fp[2]);
     case 11:
-        sscanf(line, "fP_3,%f", &h.fp[3]);
-        return;
+        return scan_float(line, "fP_3,%f", &h.fp[3]);
     case 12:
-        sscanf(line, "fP_4,%f", &h.fp[4]);
-        return;
+        return scan_float(line, "fP_4,%f", &h.fp[4]);
     case 13:
-        sscanf(line, "fP_5,%f", &h.fp[5]);
-        return;
+        return scan_float(line, "fP_5,%f", &h.fp[5]);
     case 14:
-        sscanf(line, "fP_6,%f", &h.fp[6]);
-        return;
+        return scan_float(line, "fP_6,%f", &h.fp[6]);
     case 15:
-        sscanf(line, "k0_Cal_date,%32s", h.k0_cal_date);
-        return;
+        return scan_text(line, "k0_Cal_date,%32s", h.k0_cal_date);
     case 16:
-        sscanf(line, "k0_HCl,%f", &h.k0_hcl);
-        return;
+        return scan_float(line, "k0_HCl,%f", &h.k0_hcl);
     case 17:
-        sscanf(line, "k0_SW,%f", &h.k0_sw);
-        return;
+        return scan_float(line, "k0_SW,%f", &h.k0_sw);
     case 18:
-        sscanf(line, "k0std_SW,%f", &h.k0std_sw);
-        return;
+        return scan_float(line, "k0std_SW,%f", &h.k0std_sw);
     case 19:
-        sscanf(line, "service_date,%32s", h.service_date);
-        return;
+        return scan_text(line, "service_date,%32s", h.service_date);
     default:
-        return;
+        return false;
     }
+}
+
+// A calibration is taken whole or not at all: one bad line would otherwise zero a coefficient and
+// the pH would go wrong without a word.
+void refuse_calibration(uint32_t line_number, const char* line) {
+    uprintf("\r\nCalibration file refused: line %u \"%.32s\" is not \"%s,value\"; the calibration is "
+            "unchanged\r\n",
+            static_cast<unsigned>(line_number), line, CAL_KEYS[line_number - 1]);
 }
 
 // Stores at most max characters of text in a record field, terminated and zero-filled.
@@ -220,14 +226,17 @@ const char* egets(char* line, const char* buf, const char* end) {
     return buf;
 }
 
-void parse_cal_packet(const char* buf, uint32_t len) {
+uint32_t parse_cal_packet(const char* buf, uint32_t len) {
     CalHolders h{};
     const char* pos = buf != nullptr ? buf : "";
     const char* end = buf != nullptr ? buf + len : pos;
     char line[CAL_MEM_LINE_MAX + 1];
     for (uint32_t n = 0; n < CAL_LINE_COUNT; n++) {
         pos = egets(line, pos, end);
-        scan_cal_line(n, line, h, h.ise_sn);
+        if (!scan_cal_line(n, line, h, h.ise_sn)) {
+            refuse_calibration(n + 1, line);
+            return n + 1;
+        }
     }
 
     store_text(sys_data.sensor_SN, sizeof sys_data.sensor_SN, h.sensor_sn, CAL_SN_MAX);
@@ -241,6 +250,7 @@ void parse_cal_packet(const char* buf, uint32_t len) {
     sys_data.k0_HCL = h.k0_hcl;
     sys_data.k0_SW = h.k0_sw;
     sys_data.k0std_SW = h.k0std_sw;
+    return 0;
 }
 
 uint32_t efgets(FIL* fil, char* line) {
@@ -262,37 +272,55 @@ uint32_t efgets(FIL* fil, char* line) {
     return got;
 }
 
-void import_pH_sensor_cal_coeff(void) {
-    UARTEchoSet(false);
-    FRESULT fr = f_open(&cal_fil, CAL_CARD_FILENAME, FA_READ);
-    if (fr != FR_OK) {
-        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
-        UARTEchoSet(true);
-        return;
-    }
-    uprintf("importing %s, %lu bytes...\r\n", CAL_CARD_FILENAME,
-            static_cast<unsigned long>(f_size(&cal_fil)));
-    UARTFlushTx(false);
+namespace {
 
-    // The ISFET and ISE numbers are read into one holder on this path (kept as it is).
-    CalHolders h{};
+// Reads and shows the card file's twenty lines; 0 when all of them scanned, else the first bad one.
+uint32_t read_card_holders(CalHolders& h) {
     char line[CAL_CARD_LINE_MAX + 1];
     for (uint32_t n = 0; n < CAL_LINE_COUNT; n++) {
         efgets(&cal_fil, line);
         uprintf("%s\r\n", line);
-        scan_cal_line(n, line, h, h.isfet_sn);
+        // The ISFET and ISE numbers are read into one holder on this path (kept as it is).
+        if (!scan_cal_line(n, line, h, h.isfet_sn)) {
+            refuse_calibration(n + 1, line);
+            return n + 1;
+        }
     }
-    uprintf("\r\n\r\n");
-    show_card_holders(h);
+    return 0;
+}
 
-    // Stored from the card: the file name, sensor and ISFET numbers, the k2 and fP terms and the
-    // service date; the PT date and the k0 block stay as they were.
+// Stored from the card: the file name, sensor and ISFET numbers, the k2 and fP terms and the service
+// date; the PT date and the k0 block stay as they were.
+void store_card_holders(const CalHolders& h) {
     store_text(sys_data.cal_filename, sizeof sys_data.cal_filename, CAL_CARD_FILENAME, CAL_FILENAME_MAX);
     store_text(sys_data.sensor_SN, sizeof sys_data.sensor_SN, h.sensor_sn, CAL_SN_MAX);
     store_text(sys_data.isfet_SN, sizeof sys_data.isfet_SN, h.isfet_sn, CAL_SN_MAX);
     memcpy(sys_data.K2_Cal, h.k2, sizeof sys_data.K2_Cal);
     memcpy(sys_data.fP_Cal, h.fp, sizeof sys_data.fP_Cal);
     store_text(sys_data.service_date, sizeof sys_data.service_date, h.service_date, CAL_DATE_MAX);
+}
+
+} // namespace
+
+uint32_t import_pH_sensor_cal_coeff(void) {
+    UARTEchoSet(false);
+    FRESULT fr = f_open(&cal_fil, CAL_CARD_FILENAME, FA_READ);
+    if (fr != FR_OK) {
+        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
+        UARTEchoSet(true);
+        return 1;
+    }
+    uprintf("importing %s, %lu bytes...\r\n", CAL_CARD_FILENAME,
+            static_cast<unsigned long>(f_size(&cal_fil)));
+    UARTFlushTx(false);
+
+    CalHolders h{};
+    uint32_t bad_line = read_card_holders(h);
+    if (bad_line == 0) {
+        uprintf("\r\n\r\n");
+        show_card_holders(h);
+        store_card_holders(h);
+    }
 
     uprintf("\r\n\r\n");
     fr = f_close(&cal_fil);
@@ -300,6 +328,7 @@ void import_pH_sensor_cal_coeff(void) {
         uprintf("f_close error: %s\r\n", StringFromFresult(fr));
     }
     UARTEchoSet(true);
+    return bad_line == 0 ? 0 : 1;
 }
 
 void export_pH_sensor_cal_coeff(void) {

@@ -29,8 +29,10 @@ extern uint32_t calFileFlg;
 // Keeps the received file's name (at most 31 characters) in sys_data.cal_filename.
 void set_cal_filename(const char* filename);
 // Reads the twenty entries from a calibration text in memory (len bytes; a NUL ends it earlier) and
-// stores all of them in sys_data. Missing or unreadable entries store zero or an empty text.
-void parse_cal_packet(const char* buf, uint32_t len);
+// stores all of them in sys_data. Returns 0; or, when a line lacks its key or a readable value (a
+// finite number for the coefficients), prints which line and returns its number (1..20), leaving
+// sys_data untouched.
+uint32_t parse_cal_packet(const char* buf, uint32_t len);
 // Copies the next line of [buf, end) into line (CAL_MEM_LINE_MAX + 1 bytes): the characters up to a
 // "\n" (or a NUL, which ends the text), "\r" becoming a terminator. A line longer than 32 characters
 // is cut and the rest of it skipped. Returns the position after the "\n".
@@ -42,8 +44,9 @@ uint32_t efgets(FIL* fil, char* line);
 
 // Loads CAL_CARD_FILENAME from the card, echoing each line and then what was read. This path keeps
 // two gaps: the ISFET and ISE numbers share one holder (isfet_SN gets the ISE value, ise_SN is not
-// touched), and the PT date, the k0 date and the three k0 values are shown but not stored.
-void import_pH_sensor_cal_coeff(void);
+// touched), and the PT date, the k0 date and the three k0 values are shown but not stored. All or
+// nothing like parse_cal_packet: 0 when stored, 1 when the file is missing or refused.
+uint32_t import_pH_sensor_cal_coeff(void);
 // Prints the stored calibration as a calibration file, ready to be saved from the terminal.
 void export_pH_sensor_cal_coeff(void);
 // Prints the stored calibration as one tab-separated record for the float controller.

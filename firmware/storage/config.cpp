@@ -450,6 +450,8 @@ void finish_preset(void) {
 
 // Instrument codes of the serial ports.
 constexpr uint8_t INST_NONE = 0;
+// Port 4 without a CTD: the pH uses the configured salinity.
+constexpr uint8_t INST4_DEFAULT_SAL = 5;
 constexpr uint8_t INST3_CORRIB = 4;
 constexpr uint8_t INST3_BRISA = 3;
 constexpr uint8_t INST4_SBE37 = 6;
@@ -631,12 +633,13 @@ uint32_t get_data(void) {
 // ---- data-field presets (the README's "Data format" section lists them)
 
 void config_data_fields_all(void) {
-    memset(sys_data.data_cfg, 1, CFG_UART3_INST);
+    memset(sys_data.data_cfg, 1, CFG_UART3_INST); // the instrument codes stay as they are
     finish_preset();
 }
 
 void config_data_fields_none(void) {
     memset(sys_data.data_cfg, 0, sizeof sys_data.data_cfg);
+    sys_data.data_cfg[CFG_UART4_INST] = INST4_DEFAULT_SAL;
     finish_preset();
 }
 
@@ -647,7 +650,7 @@ void config_data_fields_glider(void) {
     };
     apply_preset(columns, 2);
     sys_data.data_cfg[CFG_UART3_INST] = INST_NONE;
-    sys_data.data_cfg[CFG_UART4_INST] = INST_NONE;
+    sys_data.data_cfg[CFG_UART4_INST] = INST4_DEFAULT_SAL;
     finish_preset();
 }
 
@@ -685,15 +688,18 @@ void config_data_fields_corrib(void) {
     };
     apply_preset(columns, 1);
     sys_data.data_cfg[CFG_UART3_INST] = INST3_CORRIB;
+    sys_data.data_cfg[CFG_UART4_INST] = INST4_DEFAULT_SAL;
     finish_preset();
 }
 
 void config_data_fields_m2m_corrib(void) {
     static constexpr uint8_t columns[] = {
-        CFG_SAMPLE_NUM, CFG_CALC_TEMP, CFG_VRSI, CFG_CALC_PH_VRSI, CFG_VRSE, CFG_CALC_PH_VRSE,
+        CFG_SAMPLE_NUM,   CFG_V_THERMISTOR, CFG_CALC_TEMP,    CFG_VRSI,
+        CFG_CALC_PH_VRSI, CFG_VRSE,         CFG_CALC_PH_VRSE,
     };
     apply_preset(columns, 2);
     sys_data.data_cfg[CFG_UART3_INST] = INST3_CORRIB;
+    sys_data.data_cfg[CFG_UART4_INST] = INST4_DEFAULT_SAL;
     finish_preset();
 }
 
@@ -701,5 +707,6 @@ void config_data_fields_brisa(void) {
     static constexpr uint8_t columns[] = {CFG_SAMPLE_NUM, CFG_VIN_BAT_VOLT};
     apply_preset(columns, 1);
     sys_data.data_cfg[CFG_UART3_INST] = INST3_BRISA;
+    sys_data.data_cfg[CFG_UART4_INST] = INST4_DEFAULT_SAL;
     finish_preset();
 }

@@ -222,6 +222,18 @@ TEST_F(MainPassTest, PinWakeWithoutCommandResumesWithoutSample) {
     EXPECT_LT(awake_s(), 10.0);
 }
 
+// A key wake between two samples keeps the sample that was pending; one that has passed while the
+// operator kept the board awake moves to the next time on the same grid, with no catch-up burst.
+TEST_F(MainPassTest, PinWakeKeepsThePendingSampleOnItsGrid) {
+    prepare({DEPLOYED, 60, T0 + 53}, 1, 0x08);
+    boot();
+    EXPECT_EQ(sim::hib().match0, T0 + 53) << "the pending sample is kept";
+
+    prepare({DEPLOYED, 60, T0 - 600}, 1, 0x08);
+    boot();
+    EXPECT_EQ(sim::hib().match0, T0 + 60) << "next grid time after the key wake";
+}
+
 TEST_F(MainPassTest, HostLinkSwitchServesTheSessionThenResumes) {
     prepare({DEPLOYED, 600, T0 + 100, 1}, 1, 0x01);
     sim::test::Outcome out = boot();

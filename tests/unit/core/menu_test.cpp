@@ -11,6 +11,7 @@
 #include "core/main.h"
 #include "core/menu.h"
 #include "core/system.h"
+#include "hostlink/serial.h"
 #include "measure/sample.h"
 #include "sim_test.h"
 #include "test_board.h"
@@ -263,8 +264,44 @@ TEST_F(MenuTest, MenuDeadlineResumesADeployment) {
     EXPECT_EQ(o.event, sim::PowerEvent::hibernate);
     EXPECT_NE(out().find("\r\nEMM: DEPLOYED, calling deploy(DEPLOYED)\r\n"), std::string::npos);
     EXPECT_EQ(wake_conditions(), WAKE_ON_PIN | WAKE_ON_RTC);
-    EXPECT_EQ(sim::hib().match0, T0 + 900);
+    EXPECT_EQ(sim::hib().match0, T0 + 300) << "the pending sample is kept";
     EXPECT_EQ(fram_state(), DEPLOYED);
+}
+
+// A controller that finds the menu open sends "U": the menu shows again in the same loop, and its
+// deadline holds however many arrive, whether the menu was opened by four Enters or by "m" on the
+// command line (both run the menu inside the receive machine).
+TEST_F(MenuTest, ControllerKeysNeverNestTheMenuOrHoldItOpen) {
+    for (const char* opener : {"\r\r\r\rx", "m\r"}) {
+        SCOPED_TRACE(opener[0] == 'm' ? "m" : "four Enters");
+        sim::test::reset_board(T0);
+        ASSERT_TRUE(sim::test::run([] {
+                        init();
+                        wakeSource = wake_handler();
+                        sys_data.debug_flag = 1;
+                        sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
+                        sys_samp.state = IDLE;
+                    }).returned);
+        sim::test::drain_console();
+        sim::test::clear_console_output();
+        sim::test::type_after(0.5, opener);
+        for (int i = 0; i < 7; i++) { // the typing model keeps eight pauses
+            sim::test::type_after(2.0 + 3.0 * i, "U");
+        }
+        uint64_t start = sim::now_ns();
+        sim::test::Outcome o = sim::test::run([] {
+            m2m_statemachine_init();
+            apf_set_m2m_timeout();
+            exec_main_loop(100);
+        });
+        sim::test::drain_console();
+        EXPECT_EQ(o.event, sim::PowerEvent::hibernate);
+        double awake = double(sim::now_ns() - start) / double(sim::ns_per_s);
+        EXPECT_LT(awake, 33.0) << "the 30-second deadline holds";
+        EXPECT_EQ(count("Main Menu --"), 8u) << "each U shows the menu again";
+        EXPECT_EQ(count("exec_main_menu:***** SLEEP *****"), 1u) << "one menu, not nested ones";
+        EXPECT_NE(out().find("Will sleep in 2"), std::string::npos) << "the time left is shown";
+    }
 }
 
 // ---------------------------------------------------------------- deployment start

@@ -156,6 +156,12 @@ TEST_F(CmdHandlers, TimestampModes) {
     EXPECT_EQ(printed([] { cmd_test_timestamp(1); }), " 791036398000");
     HibernateRTCSet(2208963603u);
     EXPECT_EQ(printed([] { cmd_test_timestamp(1); }), "         1000");
+    // Before 2040 the count wraps in 64 bits: all twenty digits are printed, as in the data line.
+    HibernateRTCSet(utc(2026, 3, 4, 5, 6, 7));
+    char line_form[32];
+    format_ms_timestamp(line_form, sizeof line_form, HibernateRTCGet());
+    EXPECT_EQ(strlen(line_form), 20u);
+    EXPECT_EQ(printed([] { cmd_test_timestamp(1); }), line_form);
 
     cmd_set_timestamp('3');
     EXPECT_EQ(sys_data.data_cfg[CFG_TIMESTAMP], 0);

@@ -33,6 +33,7 @@
 #include "ports/uartstdio.h"
 #include "sim_test.h"
 #include "test_board.h"
+#include "storage/config.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 
@@ -259,6 +260,47 @@ TEST_F(SampleCycle, CtdOnPort4SuppliesSalinity) {
         << silent;
     EXPECT_NEAR(sys_samp.sensor_sal, 31.0, 0.001);
     EXPECT_NEAR(sampl.pHext, 7.8, 0.002);
+}
+
+// Every platform preset on a healthy board logs finite numbers only: a computed column always has
+// its inputs measured, and a CTD that has not reported a salinity (sbe37-silent here) leaves the
+// external pH on the configured salinity instead of -inf.
+TEST_F(SampleCycle, EveryPresetLogsFiniteValues) {
+    struct Preset {
+        const char* name;
+        void (*apply)(void);
+    };
+    const Preset presets[] = {
+        {"all", config_data_fields_all},
+        {"none", config_data_fields_none},
+        {"glider", config_data_fields_glider},
+        {"wirewalker", config_data_fields_wirewalker},
+        {"tessel", config_data_fields_tessel},
+        {"corrib", config_data_fields_corrib},
+        {"m2m corrib", config_data_fields_m2m_corrib},
+        {"brisa", config_data_fields_brisa},
+    };
+    set_bath(8.05, 12.0, 34.0);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_EEPROM0); // the presets store the settings
+    for (const char* port4 : {"none", "sbe37-silent"}) {
+        sim::test::set_scenario("port4", port4);
+        for (const Preset& p : presets) {
+            sys_samp.sensor_sal = 0.0f;
+            memset(&sampl, 0, sizeof sampl);
+            sampl.fTempC = NAN; // a stale temperature must never be what the pH uses
+            p.apply();
+            const std::string line = sample_console();
+            for (const char* bad : {"nan", "inf", "NAN", "INF"}) {
+                EXPECT_EQ(line.find(bad), std::string::npos) << p.name << " / " << port4 << ": " << line;
+            }
+            if (sys_data.data_cfg[CFG_CALC_PH_VRSE]) {
+                EXPECT_NEAR(sampl.pHext, 8.05, 0.002) << p.name << " / " << port4;
+            }
+            if (sys_data.data_cfg[CFG_CALC_PH_VRSI]) {
+                EXPECT_NEAR(sampl.pHint, 8.05, 0.002) << p.name << " / " << port4;
+            }
+        }
+    }
 }
 
 // The housing sensors and the bias batteries come from the scenario.

@@ -44,7 +44,7 @@ std::string cal_text(const char* eol) {
 // Parses exactly the bytes of text, from a buffer with nothing after them (no NUL either).
 void parse(const std::string& text) {
     std::vector<char> buf(text.begin(), text.end());
-    parse_cal_packet(buf.data(), static_cast<uint32_t>(buf.size()));
+    EXPECT_EQ(parse_cal_packet(buf.data(), static_cast<uint32_t>(buf.size())), 0u);
 }
 
 std::string field(const unsigned char* f) {
@@ -128,36 +128,58 @@ TEST_F(CalFile, OverlongValuesAreCutToTheirFieldsAndLaterLinesStayInPlace) {
     EXPECT_EQ(field(sys_data.service_date), "2025-05-20");
 }
 
-TEST_F(CalFile, UnreadableAndMissingLinesStoreZeroOrEmpty) {
-    std::string text = cal_text("\n");
-    text.replace(text.find("k2_C1,"), 6, "k2-C1,");  // wrong key
-    text.replace(text.find("fP_2,3"), 6, "fP_2,x");  // not a number
-    text = text.substr(0, text.find("k0_Cal_date")); // the file ends after fP_6
-    stale_calibration();
-    parse(text);
-
-    EXPECT_EQ(field(sys_data.sensor_SN), "10042");
-    EXPECT_FLOAT_EQ(sys_data.K2_Cal[0], -1.045e-3f);
-    EXPECT_EQ(sys_data.K2_Cal[1], 0.0f);
-    EXPECT_EQ(sys_data.fP_Cal[2], 0.0f);
-    EXPECT_FLOAT_EQ(sys_data.fP_Cal[3], -4.0e-4f);
-    EXPECT_EQ(field(sys_data.k0_Cal_date), "");
-    EXPECT_EQ(sys_data.k0_HCL, 0.0f);
-    EXPECT_EQ(field(sys_data.service_date), "");
+// A file is taken whole or not at all: whatever is wrong with it, the stored calibration stays as
+// it was and the message names the first line that is not what its position asks for.
+TEST_F(CalFile, BadFilesAreRefusedAndTheCalibrationKept) {
+    auto with = [](const std::string& from, const std::string& to) {
+        std::string text = cal_text("\r\n");
+        text.replace(text.find(from), from.size(), to);
+        return text;
+    };
+    std::string whole = cal_text("\n");
+    std::string random(600, '\0');
+    for (size_t i = 0; i < random.size(); i++) {
+        random[i] = static_cast<char>((i * 7919u + 13u) % 251u);
+    }
+    struct Case {
+        const char* what;
+        std::string text;
+        uint32_t line;
+        const char* shown;
+    };
+    const Case cases[] = {
+        {"empty", "", 1, "\"\" is not \"Sensor_SN,value\""},
+        {"random bytes", random, 1, "is not \"Sensor_SN,value\""},
+        {"wrong key", with("k2_C1,", "k2-C1,"), 6, "\"k2-C1,2.500000e-06\" is not \"k2_C1,value\""},
+        {"not a number", with("fP_2,3", "fP_2,x"), 11, "is not \"fP_2,value\""},
+        {"not finite", with("k0_SW,-1.395000e+00", "k0_SW,nan"), 18, "\"k0_SW,nan\""},
+        {"empty text", with("ISE_SN,E0915", "ISE_SN,"), 3, "\"ISE_SN,\" is not \"ISE_SN,value\""},
+        {"cut short", whole.substr(0, whole.find("k0_Cal_date")), 16, "\"\" is not \"k0_Cal_date,value\""},
+        {"shifted by a line", "\r\n" + cal_text("\r\n"), 1, "is not \"Sensor_SN,value\""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        stale_calibration();
+        systemData before = sys_data;
+        sim::test::clear_console_output();
+        std::vector<char> buf(c.text.begin(), c.text.end());
+        EXPECT_EQ(parse_cal_packet(buf.data(), static_cast<uint32_t>(buf.size())), c.line);
+        EXPECT_EQ(memcmp(&sys_data, &before, sizeof before), 0);
+        std::string text = out();
+        EXPECT_NE(text.find("Calibration file refused: line " + std::to_string(c.line) + " "),
+                  std::string::npos)
+            << text;
+        EXPECT_NE(text.find(c.shown), std::string::npos) << text;
+        EXPECT_NE(text.find("the calibration is unchanged\r\n"), std::string::npos) << text;
+    }
 
     // Only len bytes count, and a NUL ends the text early.
-    std::string whole = cal_text("\n");
-    parse_cal_packet(whole.data(), static_cast<uint32_t>(whole.find("ISE_SN")));
-    EXPECT_EQ(field(sys_data.isfet_SN), "F2371");
-    EXPECT_EQ(field(sys_data.ise_SN), "");
+    stale_calibration();
+    EXPECT_EQ(parse_cal_packet(whole.data(), static_cast<uint32_t>(whole.find("ISE_SN"))), 3u);
     whole[whole.find("PT_Cal")] = '\0';
-    parse_cal_packet(whole.data(), static_cast<uint32_t>(whole.size()));
-    EXPECT_EQ(field(sys_data.ise_SN), "E0915");
-    EXPECT_EQ(field(sys_data.PT_Cal_date), "");
-    EXPECT_EQ(sys_data.K2_Cal[0], 0.0f);
-
-    parse_cal_packet(nullptr, 100);
-    EXPECT_EQ(field(sys_data.sensor_SN), "");
+    EXPECT_EQ(parse_cal_packet(whole.data(), static_cast<uint32_t>(whole.size())), 4u);
+    EXPECT_EQ(parse_cal_packet(nullptr, 100), 1u);
+    EXPECT_EQ(field(sys_data.sensor_SN), "OLD");
 }
 
 TEST_F(CalFile, ReceivedFileNameIsKeptUpTo31Characters) {
@@ -317,29 +339,35 @@ TEST_F(CalCard, CardImportEchoesTheLinesThenShowsWhatWasRead) {
     EXPECT_EQ(out(), expected);
 }
 
-TEST_F(CalCard, CardLinesLongerThan24AreCutAndTheRestIsTheNextLine) {
+// A line longer than 24 bytes is cut and its rest read as the next line, which then fails its key:
+// the file is refused and nothing is stored.
+TEST_F(CalCard, CardLinesLongerThan24AreCutAndTheFileRefused) {
     std::string file = cal_text("\n");
-    // 10 + 12 characters still fit; the serial number is then cut to its field.
-    file.replace(0, file.find('\n'), "Sensor_SN,ABCDEFGHIJKL");
     // The key and 18 characters of the value fill the 24 bytes; "-03" is read as line 6.
     file.replace(file.find("k2_C0,-1.045000e-03"), 19, "k2_C0,-1.04500000000000e-03");
     put_file(file);
-    import_pH_sensor_cal_coeff();
+    systemData before = sys_data;
+    EXPECT_EQ(import_pH_sensor_cal_coeff(), 1u);
     std::string text = out();
 
-    EXPECT_NE(text.find("\r\nk2_C0,-1.04500000000000e\r\n-03\r\nk2_C1,2.500000e-06\r\n"), std::string::npos)
+    EXPECT_NE(text.find("\r\nk2_C0,-1.04500000000000e\r\n-03\r\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Calibration file refused: line 6 \"-03\" is not \"k2_C1,value\""), std::string::npos)
         << text;
+    EXPECT_EQ(text.find("Filename: "), std::string::npos) << "nothing read is shown as taken";
+    EXPECT_EQ(memcmp(&sys_data, &before, sizeof before), 0);
+
+    // The serial number's 12 characters still fit the line; the field keeps 7.
+    file = cal_text("\n");
+    file.replace(0, file.find('\n'), "Sensor_SN,ABCDEFGHIJKL");
+    put_file(file);
+    EXPECT_EQ(import_pH_sensor_cal_coeff(), 0u);
     EXPECT_EQ(field(sys_data.sensor_SN), "ABCDEFG");
-    EXPECT_FLOAT_EQ(sys_data.K2_Cal[0], -1.045f) << "the exponent went to the next line";
-    EXPECT_EQ(sys_data.K2_Cal[1], 0.0f) << "line 6 is the cut-off rest";
-    EXPECT_EQ(sys_data.K2_Cal[2], 0.0f) << "every later entry is one line late";
-    EXPECT_EQ(field(sys_data.service_date), "");
 }
 
 TEST_F(CalCard, MissingCardFileIsReportedByName) {
     put_file(cal_text("\r\n"), "DF385.CAL");
     systemData before = sys_data;
-    import_pH_sensor_cal_coeff();
+    EXPECT_EQ(import_pH_sensor_cal_coeff(), 1u);
     EXPECT_EQ(out(), "f_open error: FR_NO_FILE\r\n");
     EXPECT_EQ(memcmp(&sys_data, &before, sizeof before), 0);
 }

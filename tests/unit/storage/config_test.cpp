@@ -327,7 +327,8 @@ TEST_F(Presets, AllAndNone) {
               "  Vrsi_B\tVrsiBstd\t  Vrse_B\tVrseBstd\t      Vk\t  Vk_std\t      Ik\t      Ib\t"
               "OCR_PN  \tChan_1 \tChan_2 \tChan_3 \tChan_4 \t\r\n"); // instruments kept
     EXPECT_EQ(header_after(config_data_fields_none), "\r\n");
-    EXPECT_EQ(sys_data.data_cfg[CFG_UART4_INST], 0);
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART3_INST], 0);
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART4_INST], 5) << "no CTD: the default salinity";
 }
 
 TEST_F(Presets, Platforms) {
@@ -348,7 +349,7 @@ TEST_F(Presets, Platforms) {
               "MEA  \tChan \tSensors \tErrors \tdphi \t0 \t0 \t0 \tTC_samp \tTC_case \tsigInt \t"
               "ambLight \tPres \tHum \tTO_res \t0 \t0 \tpH \t0 \t0 \t0 \t\r\n");
     EXPECT_EQ(header_after(config_data_fields_m2m_corrib),
-              " SampNum\tEpoch millisec\t TC_Dfet\t    Vrsi\tpHintEst\t    Vrse\tpHextEst\t"
+              " SampNum\tEpoch millisec\t  Vtherm\t TC_Dfet\t    Vrsi\tpHintEst\t    Vrse\tpHextEst\t"
               "MEA  \tChan \tSensors \tErrors \tdphi \t0 \t0 \t0 \tTC_samp \tTC_case \tsigInt \t"
               "ambLight \tPres \tHum \tTO_res \t0 \t0 \tpH \t0 \t0 \t0 \t\r\n");
     EXPECT_EQ(header_after(config_data_fields_brisa),
