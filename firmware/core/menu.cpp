@@ -10,10 +10,13 @@
 #include <ctime>
 
 #include "core/board_util.h"
+#include "core/config_menu.h"
 #include "core/main.h"
+#include "core/menu_edit.h"
 #include "core/sleep.h"
 #include "core/system.h"
 #include "core/timebase.h"
+#include "qa/test_menu.h"
 #include "driverlib/hibernate.h"
 #include "hostlink/serial.h"
 #include "hostlink/serial_cmd.h"
@@ -278,6 +281,7 @@ void print_main_menu(void) {
 // controller retrying) keeps the board awake past it.
 void exec_main_menu(void) {
     UARTEchoSet(true);
+    menu_abandoned = false;
     uint32_t deadline = HibernateRTCGet() + deployDelay;
     for (;;) {
         uint32_t now = HibernateRTCGet();
@@ -289,6 +293,10 @@ void exec_main_menu(void) {
             return;
         }
         if (run_main_menu_key(get_key_m2m())) {
+            return;
+        }
+        if (menu_abandoned) {
+            menu_timed_out(); // a question of a sub-menu went unanswered
             return;
         }
         if (main_menu_entry_ran) {
@@ -367,18 +375,6 @@ void deploy_start(void) {
     }
 }
 
-void configuration_menu(void) {
-    uprintf("\r\n\r\nConfiguration Menu -- not available in this release\r\n");
-}
-
-void test_menu(void) {
-    uprintf("\r\n\r\nTest Menu -- not available in this release\r\n");
-}
-
-void vesk_zone_menu(void) {
-    uprintf("\r\n\r\nVeskZone Menu -- not available in this release\r\n");
-}
-
 // The note goes into the data file's header. An empty line or no answer keeps the note there is;
 // the settings of the deployment being started are stored with it either way.
 void enter_deployment_note(uint32_t timeout_s) {
@@ -390,6 +386,20 @@ void enter_deployment_note(uint32_t timeout_s) {
         snprintf(reinterpret_cast<char*>(sys_data.deploy_note), sizeof(sys_data.deploy_note), "%s", note);
     }
     storeSysDataVariables();
+}
+
+// Continuous output: sample until a console byte arrives, then let the command interpreter have it;
+// a command that ends the deployment ends the loop.
+void databarf_loop(void) {
+    for (;;) {
+        while (!UARTrdy()) {
+            get_sample(1, 1);
+        }
+        if (exec_command(5) == 0) {
+            break;
+        }
+    }
+    sys_samp.state = 0;
 }
 
 void state_dump(void) {

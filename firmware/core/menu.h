@@ -14,10 +14,8 @@ void print_main_menu(void);
 // The deployment start dialogue; ends in sleep.
 void deploy_start(void);
 
-// Menus of later work: they print their title and return.
-void configuration_menu(void);
-void test_menu(void);
-void vesk_zone_menu(void);
+// Continuous sampling until a console command ends it; leaves sys_samp.state IDLE.
+void databarf_loop(void);
 // Asks for the deployment note (timeout_s to start typing) and stores it with sys_data.
 void enter_deployment_note(uint32_t timeout_s);
 // Prints the persisted records.

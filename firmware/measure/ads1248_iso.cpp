@@ -2,7 +2,9 @@
 // conversions, and switches the isolated side and the converter's general-purpose pins.
 #include "measure/ads1248_iso.h"
 
+#include "core/board_util.h"
 #include "core/system.h"
+#include "core/timebase.h"
 #include "driverlib/gpio.h"
 #include "driverlib/pin_map.h"
 #include "driverlib/rom.h"
@@ -223,6 +225,17 @@ float pollADS1248_iso(int muxPos, int muxNeg, int trials, int gain, int sps) {
     sys_samp.AD24_std =
         static_cast<float>(std::sqrt(static_cast<double>(squares / static_cast<float>(trials))));
     return mean;
+}
+
+bool ADS1248_ready_within(uint32_t timeout_ms) {
+    uint32_t start = Timer_1ms(0);
+    while (ROM_GPIOPinRead(ctl_port, drdy_pin) != 0) {
+        if (Timer_1ms(0) - start > timeout_ms) {
+            return false;
+        }
+        wdog_pet();
+    }
+    return true;
 }
 
 void openADS1248_iso(void) {

@@ -24,6 +24,9 @@ float pollADS1248_iso(int muxPos, int muxNeg, int trials, int gain, int sps);
 // The SYS0 register value for a PGA gain and a data rate in samples per second.
 uint8_t ADS1248_gain_sps(int gain, int sps);
 
+// True when the converter signals a conversion ready within timeout_ms (the isolated side powered):
+// the check a test makes before readings that would otherwise wait for ever.
+bool ADS1248_ready_within(uint32_t timeout_ms);
 // Powers the isolated side up (reset pulse, SSI3 at 1 MHz, SPI mode 1) and down again.
 void openADS1248_iso(void);
 void closeADS1248_iso(void);

@@ -1,4 +1,5 @@
-// Temperature and pH of a sample, the pH calibration dialogue, and vector statistics.
+// Temperature and pH of a sample, the calibration potentials that make a bath read its pH, and
+// vector statistics.
 //
 // The pH results are compared to the fourth decimal, so the precision of every step matters: the
 // arithmetic runs in double, but each named intermediate is narrowed to float where it is assigned
@@ -9,11 +10,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "core/board_util.h"
-#include "core/menu.h"
 #include "core/system.h"
-#include "instruments/ctd_base.h"
-#include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "spectrometer/uvs.h"
 
@@ -131,130 +128,10 @@ float calc_pHext(float Eext, float TC, float salt) {
     return (float)((double)pHext_free - std::log10((double)sulfate));
 }
 
-// ---------------------------------------------------------------- calibration dialogue
+// ---------------------------------------------------------------- calibration
+// The inverses of calc_pHint and calc_pHext, used by the calibration dialogue. Their Nernst slope
+// takes ln 10 at full precision, unlike the forward formulas.
 namespace {
-
-// How long a calibration prompt waits for the operator before it gives up on the read.
-constexpr uint32_t CALIB_INPUT_TIMEOUT_S = 600;
-// Reading cycles the automatic calibration averages over.
-constexpr uint32_t CALIB_AVG_CYCLES = 20;
-
-float cal_point_ph = 8.0f; // the last calibration pH entered, offered again as the default
-
-// Prompts until a number in [lo, hi] is typed, an empty answer keeps value, or the read fails.
-void prompt_number(const char* prompt, float* value, float lo, float hi, const char* range_msg) {
-    for (;;) {
-        uprintf(prompt, (double)*value);
-        char line[32];
-        if (getUserInputTimeLimit(line, sizeof(line), CALIB_INPUT_TIMEOUT_S) < 0) {
-            uprintf("DEBUG: getUserInput fails to return 1\r\n");
-            return;
-        }
-        if (line[0] == '\0') {
-            return;
-        }
-        float v = 0.0f;
-        if (sscanf(line, "%f", &v) != 1) {
-            uprintf("DEBUG: sscanf fails to return 1\r\n");
-            return;
-        }
-        if (v >= lo && v <= hi) {
-            *value = v;
-            return;
-        }
-        uprintf("%s", range_msg);
-    }
-}
-
-struct CalibInputs {
-    float ph;
-    float vrsi;
-    float vrse;
-    float vtherm;
-    float tempC;
-    float salinity;
-};
-
-// One cycle of the automatic calibration: the cell voltages and the thermistor from the sample,
-// the bath's temperature and salinity from the CTD (its driver runs within the sample).
-struct CalibReading {
-    float vrsi, vrsi_sd;
-    float vrse, vrse_sd;
-    float vtherm, vtherm_sd;
-    float tempC;
-    float salinity;
-};
-
-// Returns false when the operator does not accept the averaged values.
-bool auto_calibration(CalibInputs* in) {
-    uprintf("\r\nPlace DuraFET and MicroCAT in calibration bath.");
-    uprintf("\r\nHit any key when values have stabilized...\r\n");
-    uprintf("    Vrsi\t Vrsi-SD\t    Vrse\t Vrse-SD\t  Vtherm\tVthermSD\t   "
-            "TempC\tTempC-SD\tSalinity\tSal-SD\r\n");
-    CalibReading ring[CALIB_AVG_CYCLES];
-    float temps[CALIB_AVG_CYCLES];
-    float sals[CALIB_AVG_CYCLES];
-    uint32_t cycles = 0;
-    do {
-        get_sample(0, 0);
-        wdog_pet();
-        CalibReading r{sampl.fVrsi,   sampl.fVrsi_std,   sampl.fVrse, sampl.fVrse_std,
-                       sampl.fVtherm, sampl.fVtherm_std, ctd.tempC,   ctd.salt};
-        ring[cycles % CALIB_AVG_CYCLES] = r;
-        cycles++;
-        uint32_t kept = cycles < CALIB_AVG_CYCLES ? cycles : CALIB_AVG_CYCLES;
-        // The CTD gives one value a cycle: its deviation is taken over the cycles kept so far.
-        for (uint32_t i = 0; i < kept; i++) {
-            temps[i] = ring[i].tempC;
-            sals[i] = ring[i].salinity;
-        }
-        float mean = 0.0f;
-        float temp_sd = 0.0f;
-        float sal_sd = 0.0f;
-        if (kept > 1) {
-            FloatVectorMeanStdDev(kept, temps, &mean, &temp_sd);
-            FloatVectorMeanStdDev(kept, sals, &mean, &sal_sd);
-        }
-        uprintf("%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\t%8.5f\r\n", (double)r.vrsi,
-                (double)r.vrsi_sd, (double)r.vrse, (double)r.vrse_sd, (double)r.vtherm, (double)r.vtherm_sd,
-                (double)r.tempC, (double)temp_sd, (double)r.salinity, (double)sal_sd);
-    } while (!UARTrdy());
-    getChar();
-
-    uint32_t kept = cycles < CALIB_AVG_CYCLES ? cycles : CALIB_AVG_CYCLES;
-    float vrsi[CALIB_AVG_CYCLES], vrse[CALIB_AVG_CYCLES], vtherm[CALIB_AVG_CYCLES];
-    for (uint32_t i = 0; i < kept; i++) {
-        vrsi[i] = ring[i].vrsi;
-        vrse[i] = ring[i].vrse;
-        vtherm[i] = ring[i].vtherm;
-        temps[i] = ring[i].tempC;
-        sals[i] = ring[i].salinity;
-    }
-    float sd[5] = {};
-    FloatVectorMeanStdDev(kept, vrsi, &in->vrsi, &sd[0]);
-    FloatVectorMeanStdDev(kept, vrse, &in->vrse, &sd[1]);
-    FloatVectorMeanStdDev(kept, vtherm, &in->vtherm, &sd[2]);
-    FloatVectorMeanStdDev(kept, temps, &in->tempC, &sd[3]);
-    FloatVectorMeanStdDev(kept, sals, &in->salinity, &sd[4]);
-    uprintf("\r\nAverage of last %d values\r\n", (int)kept);
-    uprintf("Vint = %f V  SD = %f", (double)in->vrsi, (double)sd[0]);
-    uprintf("\r\nVext = %f V  SD = %f", (double)in->vrse, (double)sd[1]);
-    uprintf("\r\nVtherm = %f C  SD = %f", (double)in->vtherm, (double)sd[2]);
-    uprintf("\r\nMicroCAT Temperature = %f C  SD = %f", (double)in->tempC, (double)sd[3]);
-    uprintf("\r\nMicroCAT Salinity = %f  SD = %f\r\n", (double)in->salinity, (double)sd[4]);
-    return yesOrNoMenuChoice("Values acceptable (Y/N) [N]? ", 0) == 1;
-}
-
-void manual_calibration(CalibInputs* in) {
-    prompt_number("\r\n\r\nEnter Vrsi [%f]: ", &in->vrsi, -2.0f, 2.0f,
-                  "Enter number between -2 and 2\r\n\r\n");
-    prompt_number("\r\n\r\nEnter Vrse [%f]: ", &in->vrse, -2.0f, 2.0f,
-                  "Enter number between -2 and 2\r\n\r\n");
-    prompt_number("\r\nEnter bath temperature [%f]: ", &in->tempC, 0.0f, 100.0f,
-                  "\r\nEnter between 0 and 100");
-    prompt_number("\r\nEnter bath salinity [%f]: ", &in->salinity, 0.0f, 100.0f,
-                  "\r\nEnter between 0 and 100");
-}
 
 // The 25 degC potential of the internal cell that makes calc_pHint return ph for vrsi at t.
 float internal_k0(float vrsi, float ph, float t, float S_T) {
@@ -284,36 +161,12 @@ float external_k0(float vrse, float ph, float t, float salt, float S_T) {
 
 } // namespace
 
-void ph_calib(void) {
-    uprintf("\r\nph_calib() not supported in this version\r\n");
-    prompt_number("\r\n\r\nEnter pH calibration point [%.3f]: ", &cal_point_ph, 0.0f, 14.0f,
-                  "\r\nEnter between 0 and 14");
-    uprintf("pH cal pt = %.3f\r\n", (double)cal_point_ph);
+float calib_k0int(float vrsi, float ph, float t) {
+    return internal_k0(vrsi, ph, t, nernst_slope(kelvin(t), std::log(10.0)));
+}
 
-    CalibInputs in{cal_point_ph, sampl.fVrsi, sampl.fVrse, sampl.fVtherm, sampl.fTempC, sys_data.default_sal};
-    if (yesOrNoMenuChoice("Perform automatic DuraFET calibration (Y/N) [N]? ", 0) == 1) {
-        if (!auto_calibration(&in)) {
-            return;
-        }
-    } else {
-        manual_calibration(&in);
-    }
-
-    float S_T = nernst_slope(kelvin(in.tempC), std::log(10.0));
-    float k0int = internal_k0(in.vrsi, in.ph, in.tempC, S_T);
-    float k0ext = external_k0(in.vrse, in.ph, in.tempC, in.salinity, S_T);
-    float TCOffset = in.tempC - DuraFET_temp(in.vtherm, 0.0f);
-    uprintf("\r\n\r\nEo Int @ 25C = %f", (double)k0int);
-    uprintf("\r\nEo Ext @ 25C = %f", (double)k0ext);
-    uprintf("\r\nTCOffset = %f", (double)TCOffset);
-    uprintf("\r\n\r\n");
-    if (yesOrNoMenuChoice("Accept and store calibration values(Y/N) [N]? ", 0) != 1) {
-        return;
-    }
-    sys_data.k0int = k0int;
-    sys_data.k0ext = k0ext;
-    sys_data.TCOffset = TCOffset;
-    uprintf("\r\nCalibration values stored");
+float calib_k0ext(float vrse, float ph, float t, float salt) {
+    return external_k0(vrse, ph, t, salt, nernst_slope(kelvin(t), std::log(10.0)));
 }
 
 // ---------------------------------------------------------------- vector statistics

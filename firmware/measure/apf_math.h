@@ -1,6 +1,6 @@
 // Engineering values of a sample: the sensor temperature from the thermistor voltage, the pH from
-// the internal- and external-reference cell voltages, and the console dialogue that finds the
-// calibration offsets these use. Also whole-vector statistics for the spectrometer's arrays.
+// the internal- and external-reference cell voltages, and the calibration potentials that make a
+// bath read its pH. Also whole-vector statistics for the spectrometer's arrays.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +12,10 @@ float calc_pHint(float Eint, float TC);
 // Total-scale pH from the external-reference cell voltage Eext (V) at temperature TC (degC) and
 // practical salinity salt.
 float calc_pHext(float Eext, float TC, float salt);
-// Console dialogue: finds k0int, k0ext and TCOffset from a bath of known pH, temperature and
-// salinity and, when the operator accepts, writes them into sys_data (the caller stores it).
-void ph_calib(void);
+// The 25 degC standard potentials that make calc_pHint and calc_pHext return ph for the cell
+// voltages vrsi and vrse in a bath at t degC and salinity salt.
+float calib_k0int(float vrsi, float ph, float t);
+float calib_k0ext(float vrse, float ph, float t, float salt);
 
 // Minimum and maximum of n values; both start at the first element, which is read even for n = 0.
 void FloatVectorMinMax(int n, const float* v, float* min, float* max);

@@ -7,7 +7,6 @@
 #include "board/bme280.h"
 #include "board/ina260.h"
 #include "core/board_util.h"
-#include "core/menu.h"
 #include "core/system.h"
 #include "core/timebase.h"
 #include "instruments/ctd_aand5860.h"
@@ -584,24 +583,10 @@ void read_bias_bat(void) {
     pwr_iso_off();
 }
 
-void get_groundfault(void) {
+float get_groundfault(void) {
     ADS1248_gpio_ADG1609_mux(0);
     wait_ms(10);
-    pollADS1248_iso(0, 4, 10, 1, 20);
-}
-
-// Continuous output: sample until a console byte arrives, then let the command interpreter have it;
-// a command that ends the deployment ends the loop.
-void databarf_loop(void) {
-    for (;;) {
-        while (!UARTrdy()) {
-            get_sample(1, 1);
-        }
-        if (exec_command(5) == 0) {
-            break;
-        }
-    }
-    sys_samp.state = 0;
+    return pollADS1248_iso(0, 4, 10, 1, 20);
 }
 
 void sendlast_takesample(void) {

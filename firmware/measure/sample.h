@@ -88,14 +88,13 @@ void pump_stateMachine_init(void);
 int pump_stateMachine(uint32_t state);
 // Fills pumpBuf from sys_data.pump_seq_type.
 void pump_var_init(void);
-// Continuous sampling until a console command ends it; leaves sys_samp.state IDLE.
-void databarf_loop(void);
 // Sends the snapshot file's text, then takes a new sample.
 void sendlast_takesample(void);
 // A stand-alone reading of both bias batteries into fBiasNeg and fBiasPos.
 void read_bias_bat(void);
-// A ground-fault reading of the isolated side (multiplexer position 0, inputs 0 and 4); not kept.
-void get_groundfault(void);
+// A ground-fault reading of the isolated side (multiplexer position 0, inputs 0 and 4), volts; the
+// sample record does not keep it.
+float get_groundfault(void);
 
 // The instrument state machines of ports 3 and 4, by the instrument code in data_cfg: called with 1
 // to start, then with what they last returned, until they return 0.

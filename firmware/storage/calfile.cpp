@@ -6,10 +6,8 @@
 // texts are cut to the sizes the record keeps (7 characters for serial numbers, 10 for dates).
 #include "storage/calfile.h"
 
-#include "core/menu.h"
 #include "core/system.h"
 #include "core/timebase.h"
-#include "hostlink/ymodem.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "storage/microsd.h"
@@ -380,30 +378,4 @@ void get_pH_sensor_cal_coeff(void) {
     prn_add("%e\t", static_cast<double>(sys_data.k0std_SW));
     prn_add("%s\r\n", t.service_date);
     prn_send();
-}
-
-// Slow consoles get a pause after the transfer, so that what the terminal program still sends once
-// the transfer has ended is discarded before the menu reads keys again.
-void import_ymodem_cal_coeff(void) {
-    if (yesOrNoMenuChoice("Transfer Cal file via Teraterm YMODEM? (Y/N) [N]?", 0) == 0) {
-        return;
-    }
-    uprintf("OK!  Calling ymodem_receive...(Ctrl-C to cancel)\r\n");
-    wait_consoleTx();
-    uprintf("TeraTerm: File->Transfer->Ymodem->Send *.cal file\r\n");
-    wait_consoleTx();
-    bool slow = sys_data.baud_rate != 115200;
-    if (slow) {
-        uprintf("   Note: 15 sec delay after transfer for slow baud ymodem workaround\r\n");
-    }
-    calFileFlg = 1;
-    ymodem_receive(YMODEM_TO_MEMORY);
-    if (slow) {
-        for (int i = 0; i < 8; i++) {
-            uprintf("   delay...\r\n");
-            delay_msec(2000);
-        }
-        UARTFlushRx();
-    }
-    uprintf("\r\n\r\n");
 }

@@ -51,5 +51,3 @@ uint32_t import_pH_sensor_cal_coeff(void);
 void export_pH_sensor_cal_coeff(void);
 // Prints the stored calibration as one tab-separated record for the float controller.
 void get_pH_sensor_cal_coeff(void);
-// Menu entry: receives a calibration file over the console by YMODEM into sys_data.
-void import_ymodem_cal_coeff(void);

@@ -20,6 +20,7 @@
 #include "ports/uartstdio.h"
 #include "runtime.h"
 #include "sim_test.h"
+#include "core/config_menu.h"
 #include "storage/calfile.h"
 #include "storage/microsd.h"
 
@@ -143,6 +144,7 @@ class YModem : public ::testing::Test {
         sim::test::reset_board();
         ASSERT_TRUE(sim::test::run(start_board).returned);
         memset(&sys_data, 0, sizeof sys_data);
+        memset(&sys_samp, 0, sizeof sys_samp); // no FRAM on this bench: sys_samp is never written
         sys_data.baud_rate = 115200;
         char name[] = "/tmp/hxc3-ymodem-XXXXXX";
         ASSERT_NE(mkdtemp(name), nullptr);

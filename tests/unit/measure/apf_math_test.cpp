@@ -9,6 +9,7 @@
 #include <string>
 
 #include "board/i2c0.h"
+#include "core/config_menu.h"
 #include "core/system.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
