@@ -9,6 +9,7 @@
 #include "core/board_util.h"
 #include "core/menu.h"
 #include "core/system.h"
+#include "driverlib/hibernate.h"
 #include "hostlink/serial.h"
 #include "ports/uartstdio.h"
 
@@ -229,12 +230,16 @@ bool edit_item(const MenuItem& item) {
     return true;
 }
 
+// Like the main menu, a page's time restarts only when an entry has run: keys that choose nothing
+// and a controller's "U" show the page again with the time that is left.
 void run_menu_page(const char* title, const MenuItem* items, size_t count) {
+    uint32_t deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
     while (!menu_abandoned) {
         print_page(title, items, count);
-        uint8_t key = get_key_m2m();
-        if (key == 0) {
+        uint8_t key = get_key_m2m_until(deadline);
+        if (key == 0 && HibernateRTCGet() >= deadline) {
             menu_abandoned = true;
+            uprintf("\r\nNo answer, leaving the menus\r\n");
             return;
         }
         if (upper(key) == 'X') {
@@ -242,12 +247,13 @@ void run_menu_page(const char* title, const MenuItem* items, size_t count) {
         }
         const MenuItem* item = find_item(items, count, key);
         if (item == nullptr) {
-            if (key != 1) { // a controller's "U" only shows the page again
-                uprintf("\r\nNo entry %c on this menu\r\n", key >= ' ' && key <= '~' ? key : '?');
+            if (key >= ' ' && key <= '~') { // not an empty line or a controller's "U"
+                uprintf("\r\nNo entry %c on this menu\r\n", key);
             }
             continue;
         }
         edit_item(*item);
+        deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
     }
 }
 

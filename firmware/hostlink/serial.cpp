@@ -267,7 +267,10 @@ int32_t handle_m2m_comm(void) {
 }
 
 uint8_t get_key_m2m(void) {
-    uint32_t deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
+    return get_key_m2m_until(HibernateRTCGet() + MENU_KEY_TIMEOUT_S);
+}
+
+uint8_t get_key_m2m_until(uint32_t deadline) {
     for (;;) {
         if (UARTPeek('\r') >= 0) {
             char line[5];

@@ -37,6 +37,8 @@ inline constexpr uint32_t MENU_KEY_TIMEOUT_S = 60;
 // after a controller's "U" (refused by the receive machine, which never opens a menu from here), or
 // 0 when nothing came within MENU_KEY_TIMEOUT_S seconds.
 uint8_t get_key_m2m(void);
+// The same with the RTC second at which it gives up.
+uint8_t get_key_m2m_until(uint32_t deadline);
 // 6 when text (cut at its first CR or LF) is "ACK" in any case, 21 when it is "NAK", -1 otherwise.
 int32_t MatchACK(char* text);
 // Waits up to timeout_ms for "ACK" from the other side: 1 on "ACK", 0 on a bad byte, -1 on time-out.

@@ -146,6 +146,46 @@ TEST_F(MenuEditTest, AnUnansweredQuestionGivesTheBoardBack) {
     EXPECT_NE(out().find("No answer, leaving the menus"), std::string::npos);
 }
 
+// The console rate: only the rates the start-up can switch to; a change is announced at the old rate,
+// stored, and the console then runs at the new one.
+TEST_F(MenuEditTest, BaudRateChangeIsAnnouncedStoredAndApplied) {
+    sim::test::type_after(0.2, "g\r");
+    sim::test::type_after(0.4, "a\r");
+    sim::test::type_after(0.6, "12345\r");
+    sim::test::type_after(0.8, "a\r");
+    sim::test::type_after(1.0, "19200\r");
+    ASSERT_TRUE(sim::test::run(configuration_menu).returned);
+    sim::test::drain_console();
+    EXPECT_NE(out().find("Baud rates: 4800, 9600, 19200, 38400, 57600, 115200; unchanged"),
+              std::string::npos);
+    EXPECT_NE(out().find("Baud rate is changed to 19200, set the terminal to the new rate\r\n"),
+              std::string::npos);
+    EXPECT_EQ(sys_data.baud_rate, 19200u);
+    EXPECT_EQ(stored_u32(offsetof(systemData, baud_rate)), 19200u);
+    EXPECT_NEAR(sim::uart_baud(0), 19200.0, 192.0) << "the divider's nearest rate";
+}
+
+// A controller's "U" shows a page again but does not give it more time.
+TEST_F(MenuEditTest, ControllerKeysDoNotHoldAPageOpen) {
+    sys_samp.state = IDLE;
+    sim::test::type_after(0.5, "1\r");
+    for (int i = 1; i <= 7; i++) {
+        sim::test::type_after(12.0 * i, "U");
+    }
+    uint64_t start = sim::now_ns();
+    sim::test::Outcome o = sim::test::run(exec_main_menu);
+    sim::test::drain_console();
+    EXPECT_EQ(o.event, sim::PowerEvent::hibernate);
+    double awake = double(sim::now_ns() - start) / double(sim::ns_per_s);
+    EXPECT_LT(awake, 65.0) << "the page's minute holds";
+    size_t pages = 0;
+    for (size_t at = out().find("Configuration Menu"); at != std::string::npos;
+         at = out().find("Configuration Menu", at + 1)) {
+        pages++;
+    }
+    EXPECT_EQ(pages, 5u) << "shown at first and again after each of the four U within the minute";
+}
+
 // A blank EEPROM (all 0xFF) is brought to valid settings by Edit/Copy; a valid record from another
 // version keeps every setting and only gets the new version text.
 TEST_F(MenuEditTest, CopyKeepsValidSettingsAndResetsTheRest) {

@@ -443,6 +443,38 @@ TEST_F(YModem, MenuImportTakesTheFileIntoMemoryWhateverItsName) {
     EXPECT_EQ(calFileFlg, 0u);
 }
 
+// A received file that is not a whole calibration is refused: the transfer itself succeeds, but the
+// stored calibration and its file name stay as they were and nothing claims it was loaded.
+TEST_F(YModem, MenuImportRefusesAFileThatIsNotAWholeCalibration) {
+    microSD_flg = 0;
+    memcpy(sys_data.cal_filename, "DF384.cal", 10);
+    sys_data.k0_HCL = -1.5f;
+    std::string text = cal_text;
+    text.replace(text.find("k2_C1,"), 6, "k2-C1,");
+    Peer peer;
+    peer.expect("[N]?")
+        .send("y\r")
+        .expect("*.cal file\r\n")
+        .open("shifted.cal", text.size())
+        .send(block(1, text.substr(0, 128), 128))
+        .expect(ACK)
+        .send(block(2, text.substr(128), 1024))
+        .expect(ACK)
+        .close_file()
+        .end_batch();
+    peer.start();
+    ASSERT_TRUE(sim::test::run(import_ymodem_cal_coeff).returned);
+    EXPECT_TRUE(peer.done());
+    std::string o = out();
+    EXPECT_NE(o.find("Calibration file refused: line 6 \"k2-C1,2.500000e-06\" is not \"k2_C1,value\""),
+              std::string::npos)
+        << o;
+    EXPECT_EQ(o.find("calibration loaded"), std::string::npos);
+    EXPECT_EQ(field(sys_data.cal_filename), "DF384.cal");
+    EXPECT_EQ(sys_data.k0_HCL, -1.5f);
+    EXPECT_EQ(field(sys_data.sensor_SN), "");
+}
+
 TEST_F(YModem, MenuImportAtASlowRateWaitsSixteenSecondsAfterACancel) {
     sys_data.baud_rate = 9600;
     Peer peer;
