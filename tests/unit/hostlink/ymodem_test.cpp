@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "board/pinmux.h"
+#include "core/config_menu.h"
 #include "core/main.h"
 #include "core/system.h"
 #include "driverlib/hibernate.h"
@@ -20,7 +21,6 @@
 #include "ports/uartstdio.h"
 #include "runtime.h"
 #include "sim_test.h"
-#include "core/config_menu.h"
 #include "storage/calfile.h"
 #include "storage/microsd.h"
 
@@ -413,14 +413,13 @@ TEST_F(YModem, RefusalsWithoutACardOutOfSequenceAndTooLargeForMemory) {
 
 // ---------------------------------------------------------------- the calibration menu entry
 
-TEST_F(YModem, MenuImportTakesTheFileIntoMemoryWhateverItsName) {
-    microSD_flg = 0; // memory mode needs no card
-    std::string text = cal_text;
-    Peer peer;
+// The operator answers yes and the terminal sends text (at least 129 bytes) as one file. The caller
+// owns the peer: the simulation keeps playing its script after this returns.
+void import_over_ymodem(Peer& peer, const char* name, const std::string& text) {
     peer.expect("[N]?")
         .send("y\r")
         .expect("*.cal file\r\n")
-        .open("factory.txt", text.size())
+        .open(name, text.size())
         .send(block(1, text.substr(0, 128), 128))
         .expect(ACK)
         .send(block(2, text.substr(128), 1024))
@@ -430,6 +429,12 @@ TEST_F(YModem, MenuImportTakesTheFileIntoMemoryWhateverItsName) {
     peer.start();
     ASSERT_TRUE(sim::test::run(import_ymodem_cal_coeff).returned);
     EXPECT_TRUE(peer.done());
+}
+
+TEST_F(YModem, MenuImportTakesTheFileIntoMemoryWhateverItsName) {
+    microSD_flg = 0; // memory mode needs no card
+    Peer peer;
+    import_over_ymodem(peer, "factory.txt", cal_text);
     std::string o = out();
     EXPECT_EQ(o.rfind("Transfer Cal file via Teraterm YMODEM? (Y/N) [N]?", 0), 0u);
     EXPECT_NE(o.find("OK!  Calling ymodem_receive...(Ctrl-C to cancel)\r\n"
@@ -452,19 +457,7 @@ TEST_F(YModem, MenuImportRefusesAFileThatIsNotAWholeCalibration) {
     std::string text = cal_text;
     text.replace(text.find("k2_C1,"), 6, "k2-C1,");
     Peer peer;
-    peer.expect("[N]?")
-        .send("y\r")
-        .expect("*.cal file\r\n")
-        .open("shifted.cal", text.size())
-        .send(block(1, text.substr(0, 128), 128))
-        .expect(ACK)
-        .send(block(2, text.substr(128), 1024))
-        .expect(ACK)
-        .close_file()
-        .end_batch();
-    peer.start();
-    ASSERT_TRUE(sim::test::run(import_ymodem_cal_coeff).returned);
-    EXPECT_TRUE(peer.done());
+    import_over_ymodem(peer, "shifted.cal", text);
     std::string o = out();
     EXPECT_NE(o.find("Calibration file refused: line 6 \"k2-C1,2.500000e-06\" is not \"k2_C1,value\""),
               std::string::npos)
