@@ -24,7 +24,8 @@
 
 namespace test_board {
 
-// 50 MHz from the PLL, the 1 ms SysTick and interrupts on, as init() sets them.
+// 50 MHz from the PLL, the 1 ms SysTick and interrupts on, as init() sets them, and the I2C bus
+// that reaches the FRAM (the card's appends keep what they remember there).
 inline void start_clocks(void) {
     SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
     init_TM4C123GH6PM_64pin();
@@ -32,12 +33,12 @@ inline void start_clocks(void) {
     SysTickIntEnable();
     SysTickEnable();
     IntMasterEnable();
+    i2c0_init(0);
 }
 
-// The clocks, then the I2C bus with the FRAM and the housing sensors, as init() brings them up.
+// The clocks, then the FRAM and the housing sensors, as init() brings them up.
 inline void start_board_with_sensors(void) {
     start_clocks();
-    i2c0_init(0);
     fram_init();
     bme280_init();
     pcal6416_init();
@@ -94,6 +95,30 @@ inline std::string make_card_image(const std::string& tag) {
         return "";
     }
     return name;
+}
+
+// Formats a new card image at `path` with mkfs.fat (`options` such as "-F 16 -s 1"), `kib` KiB.
+inline bool mkfs_card(const std::string& path, const std::string& options, int kib) {
+    std::string made = path + ".new";
+    std::string cmd = "mkfs.fat -C " + options + " " + made + " " + std::to_string(kib) +
+                      " >/dev/null && mv " + made + " " + path;
+    return std::system(cmd.c_str()) == 0;
+}
+
+// Puts `text` on the card as file `name`, as a PC would (mcopy, replacing a file of that name).
+inline bool pc_copy(const std::string& image, const std::string& name, const std::string& text) {
+    std::string host = image + ".pc";
+    FILE* f = std::fopen(host.c_str(), "wb");
+    if (f == nullptr) {
+        return false;
+    }
+    bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    ok = std::fclose(f) == 0 && ok;
+    std::string cmd =
+        "MTOOLS_SKIP_CHECK=1 mcopy -o -i " + image + " " + host + " ::/" + name + " >/dev/null 2>&1";
+    ok = ok && std::system(cmd.c_str()) == 0;
+    unlink(host.c_str());
+    return ok;
 }
 
 // A whole file's bytes (empty when it cannot be read).

@@ -82,13 +82,47 @@ static FRESULT write_fsinfo(FATFS* fs, DWORD free_count) {
     return FR_OK;
 }
 
-// FSInfo's free count on the card is set to "unknown" before the FAT's allocation changes, and to the
-// exact count again by sync_fs after them, so a power cut never leaves a wrong count behind.
-static FRESULT fsinfo_unknown(FATFS* fs) {
-    if (fs->fs_type != FS_FAT32 || (fs->fsi_flag & (FSI_UNUSABLE | FSI_DISK_UNKNOWN))) {
+FRESULT load_fsinfo(FATFS* fs) {
+    if (!(fs->fsi_flag & FSI_NOT_LOADED)) {
         return FR_OK;
     }
-    FRESULT res = write_fsinfo(fs, UNKNOWN);
+    FRESULT res = move_window(fs, fs->volbase + 1);
+    if (res != FR_OK) {
+        return res;
+    }
+    fs->fsi_flag = FSI_UNUSABLE;
+    const BYTE* w = fs->win;
+    if (ld32(w + FSI_LeadSig) != FSI_LEAD || ld32(w + FSI_StrucSig) != FSI_STRUC ||
+        ld32(w + FSI_TrailSig) != FSI_TRAIL) {
+        return FR_OK;
+    }
+    // Its counts are hints, used only when they make sense.
+    DWORD free_count = ld32(w + FSI_Free_Count);
+    DWORD next = ld32(w + FSI_Nxt_Free);
+    fs->fsi_flag = FSI_DISK_UNKNOWN;
+    if (free_count <= fs->n_fatent - 2) {
+        fs->free_clst = free_count;
+        fs->fsi_flag = 0;
+    }
+    if (valid_cluster(fs, next)) {
+        fs->last_clst = next;
+    }
+    return FR_OK;
+}
+
+// Before the FAT's allocation changes, FSInfo's free count on the card is set to "unknown" (once,
+// when it held a number), so a power cut never leaves a wrong count behind. It then stays unknown:
+// keeping an exact count would cost two more sector writes at every new cluster of a data file.
+// Only a count that is known to be exact (f_getfree's, or 0 on a full volume) is written back.
+FRESULT fsinfo_unknown(FATFS* fs) {
+    if (fs->fs_type != FS_FAT32) {
+        return FR_OK;
+    }
+    FRESULT res = load_fsinfo(fs);
+    if (res != FR_OK || (fs->fsi_flag & (FSI_UNUSABLE | FSI_DISK_UNKNOWN))) {
+        return res;
+    }
+    res = write_fsinfo(fs, UNKNOWN);
     if (res == FR_OK) {
         fs->fsi_flag |= FSI_DISK_UNKNOWN;
     }
@@ -100,9 +134,7 @@ FRESULT sync_fs(FATFS* fs) {
     if (res != FR_OK) {
         return res;
     }
-    bool stale =
-        (fs->fsi_flag & FSI_CHANGED) || ((fs->fsi_flag & FSI_DISK_UNKNOWN) && fs->free_clst != UNKNOWN);
-    if (fs->fs_type == FS_FAT32 && !(fs->fsi_flag & FSI_UNUSABLE) && stale) {
+    if (fs->fs_type == FS_FAT32 && (fs->fsi_flag & FSI_WRITE_COUNT) && !(fs->fsi_flag & FSI_UNUSABLE)) {
         if ((res = write_fsinfo(fs, fs->free_clst)) != FR_OK) {
             return res;
         }
@@ -236,8 +268,15 @@ FRESULT next_cluster(FATFS* fs, DWORD clst, DWORD* next) {
     return FR_OK;
 }
 
-FRESULT alloc_cluster(FATFS* fs, DWORD near, DWORD* newc) {
-    *newc = 0;
+FRESULT find_free(FATFS* fs, DWORD near, DWORD* found) {
+    *found = 0;
+    FRESULT res = load_fsinfo(fs);
+    if (res != FR_OK) {
+        return res;
+    }
+    if (fs->free_clst == 0) {
+        return FR_OK; // known to be full: no need to read the whole FAT again
+    }
     DWORD n_clst = fs->n_fatent - 2;
     // Next to the cluster being extended keeps a file contiguous and its FAT entries in the
     // sector already in the window.
@@ -251,29 +290,54 @@ FRESULT alloc_cluster(FATFS* fs, DWORD near, DWORD* newc) {
             c = 2;
         }
         DWORD v;
-        FRESULT res = get_fat(fs, c, &v);
-        if (res != FR_OK) {
+        if ((res = get_fat(fs, c, &v)) != FR_OK) {
             return res;
         }
         if (v == 0) {
-            if ((res = fsinfo_unknown(fs)) != FR_OK || (res = put_fat(fs, c, end_of_chain(fs))) != FR_OK) {
-                return res;
-            }
-            fs->last_clst = c;
-            if (fs->free_clst <= n_clst && fs->free_clst > 0) {
-                fs->free_clst--;
-            }
-            fs->fsi_flag |= FSI_CHANGED;
-            *newc = c;
+            *found = c;
             return FR_OK;
         }
     }
-    // Full (a free count that said otherwise was stale).
-    if (fs->free_clst != 0) {
-        fs->free_clst = 0;
-        fs->fsi_flag |= FSI_CHANGED;
+    // Full (a free count that said otherwise was stale). FSInfo learns it now: the caller may write
+    // nothing more, and the next wake should not search again.
+    fs->free_clst = 0;
+    if (fs->fs_type == FS_FAT32 && !(fs->fsi_flag & FSI_UNUSABLE)) {
+        if ((res = write_fsinfo(fs, 0)) != FR_OK) {
+            return res;
+        }
+        fs->fsi_flag = 0;
     }
     return FR_OK;
+}
+
+FRESULT take_cluster(FATFS* fs, DWORD clst) {
+    DWORD v;
+    FRESULT res = get_fat(fs, clst, &v);
+    if (res != FR_OK) {
+        return res;
+    }
+    if (v != 0) {
+        return FR_INT_ERR; // not free after all
+    }
+    if ((res = fsinfo_unknown(fs)) != FR_OK || (res = put_fat(fs, clst, end_of_chain(fs))) != FR_OK) {
+        return res;
+    }
+    fs->last_clst = clst;
+    if (fs->free_clst <= fs->n_fatent - 2 && fs->free_clst > 0) {
+        fs->free_clst--;
+        if (fs->free_clst == 0) {
+            fs->fsi_flag |= FSI_WRITE_COUNT; // a full volume tells FSInfo, so no wake searches it again
+        }
+    }
+    return FR_OK;
+}
+
+FRESULT alloc_cluster(FATFS* fs, DWORD near, DWORD* newc) {
+    FRESULT res = find_free(fs, near, newc);
+    if (res != FR_OK || *newc == 0) {
+        return res;
+    }
+    return take_cluster(fs, *newc);
 }
 
 FRESULT remove_chain(FATFS* fs, DWORD clst) {
@@ -293,7 +357,6 @@ FRESULT remove_chain(FATFS* fs, DWORD clst) {
         if (fs->free_clst < n_clst) {
             fs->free_clst++;
         }
-        fs->fsi_flag |= FSI_CHANGED;
         if (v >= eoc_min(fs)) {
             return FR_OK;
         }
@@ -401,34 +464,12 @@ static bool load_bpb(FATFS* fs, const BYTE* bs, LBA_t bsect) {
     return true;
 }
 
-// Reads the FSInfo sector of a FAT32 volume; its counts are hints, used only when they make sense.
-static FRESULT load_fsinfo(FATFS* fs, WORD fsinfo_sector) {
-    fs->free_clst = UNKNOWN;
-    fs->last_clst = UNKNOWN;
-    fs->fsi_flag = FSI_UNUSABLE;
-    if (fs->fs_type != FS_FAT32 || fsinfo_sector != 1) {
-        return FR_OK;
+// The serial number mkfs gives a volume, where its boot sector has the extended fields.
+static DWORD volume_id(const FATFS* fs, const BYTE* bs) {
+    if (fs->fs_type == FS_FAT32) {
+        return bs[BS32_BootSig] == 0x29 ? ld32(bs + BS32_VolID) : 0;
     }
-    FRESULT res = move_window(fs, fs->volbase + 1);
-    if (res != FR_OK) {
-        return res;
-    }
-    const BYTE* w = fs->win;
-    if (ld32(w + FSI_LeadSig) != FSI_LEAD || ld32(w + FSI_StrucSig) != FSI_STRUC ||
-        ld32(w + FSI_TrailSig) != FSI_TRAIL) {
-        return FR_OK;
-    }
-    DWORD free_count = ld32(w + FSI_Free_Count);
-    DWORD next = ld32(w + FSI_Nxt_Free);
-    fs->fsi_flag = FSI_DISK_UNKNOWN;
-    if (free_count <= fs->n_fatent - 2) {
-        fs->free_clst = free_count;
-        fs->fsi_flag = 0;
-    }
-    if (valid_cluster(fs, next)) {
-        fs->last_clst = next;
-    }
-    return FR_OK;
+    return bs[BS_BootSig] == 0x29 ? ld32(bs + BS_VolID) : 0;
 }
 
 // Mounts the volume: a FAT boot sector at sector 0, or in one of the partitions of a master boot
@@ -461,11 +502,11 @@ static FRESULT mount_volume(FATFS* fs) {
         fs->fs_type = 0;
         return FR_NO_FILESYSTEM;
     }
-    res = load_fsinfo(fs, ld16(fs->win + BPB_FSInfo));
-    if (res != FR_OK) {
-        fs->fs_type = 0;
-        return res;
-    }
+    fs->volid = volume_id(fs, fs->win);
+    fs->free_clst = UNKNOWN;
+    fs->last_clst = UNKNOWN;
+    bool fsinfo = fs->fs_type == FS_FAT32 && ld16(fs->win + BPB_FSInfo) == 1;
+    fs->fsi_flag = fsinfo ? FSI_NOT_LOADED : FSI_UNUSABLE;
     fs->id = ++mount_count;
     return FR_OK;
 }
@@ -548,6 +589,9 @@ FRESULT f_getfree(const TCHAR* path, DWORD* nclst, FATFS** fatfs) {
     if (res != FR_OK) {
         return res;
     }
+    if ((res = load_fsinfo(fs)) != FR_OK) {
+        return res;
+    }
     DWORD n_clst = fs->n_fatent - 2;
     if (fs->free_clst > n_clst) {
         DWORD n = 0;
@@ -561,7 +605,7 @@ FRESULT f_getfree(const TCHAR* path, DWORD* nclst, FATFS** fatfs) {
             }
         }
         fs->free_clst = n;
-        fs->fsi_flag |= FSI_CHANGED;
+        fs->fsi_flag |= FSI_WRITE_COUNT;
     }
     if (nclst != nullptr) {
         *nclst = fs->free_clst;

@@ -39,7 +39,7 @@ typedef struct {
     BYTE pdrv;      /* physical drive */
     BYTE n_fats;    /* number of FATs */
     BYTE wflag;     /* win[] holds unwritten changes */
-    BYTE fsi_flag;  /* FAT32 FSInfo needs writing back */
+    BYTE fsi_flag;  /* FAT32 FSInfo: loaded, usable, what the card's copy says */
     WORD id;        /* mount number, to catch stale objects */
     WORD n_rootdir; /* root directory entries (FAT12/16) */
     WORD csize;     /* sectors per cluster */
@@ -47,6 +47,7 @@ typedef struct {
     DWORD free_clst;
     DWORD n_fatent; /* clusters + 2 */
     DWORD fsize;    /* sectors per FAT */
+    DWORD volid;    /* volume serial number (0 when the boot sector has none) */
     LBA_t volbase;
     LBA_t fatbase;
     LBA_t dirbase; /* root directory sector (FAT12/16) or cluster (FAT32) */
@@ -75,7 +76,9 @@ typedef struct {
     LBA_t sect;
     LBA_t dir_sect;
     BYTE* dir_ptr;
-    DWORD pclust; /* cluster whose FAT link to clust waits until clust's data is written */
+    DWORD pclust;      /* cluster whose FAT link to clust waits until clust's data is written */
+    const DWORD* plan; /* clusters the file is to grow into, in order (see ff_tail.h) */
+    UINT plan_n;       /* how many of them are left */
     BYTE buf[FF_MAX_SS];
 } FIL;
 
@@ -138,6 +141,7 @@ FRESULT f_close(FIL* fp);
 FRESULT f_read(FIL* fp, void* buff, UINT btr, UINT* br);
 FRESULT f_write(FIL* fp, const void* buff, UINT btw, UINT* bw);
 FRESULT f_lseek(FIL* fp, FSIZE_t ofs);
+FRESULT f_truncate(FIL* fp);
 FRESULT f_sync(FIL* fp);
 FRESULT f_opendir(DIR* dp, const TCHAR* path);
 FRESULT f_readdir(DIR* dp, FILINFO* fno);

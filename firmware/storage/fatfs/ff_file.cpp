@@ -53,19 +53,42 @@ static FRESULT settle(FIL* fp, FATFS* fs) {
     return res;
 }
 
+// The next cluster of a growing file: the next one of its plan when it has one (see ff_tail.h),
+// otherwise the first free cluster after `prev`.
+static FRESULT grow(FIL* fp, FATFS* fs, DWORD prev, DWORD* c) {
+    if (fp->plan_n == 0) {
+        return alloc_cluster(fs, prev, c);
+    }
+    *c = *fp->plan++;
+    fp->plan_n--;
+    return take_cluster(fs, *c);
+}
+
 // A failed file stays failed: later calls report the first error.
 static FRESULT abort_file(FIL* fp, FRESULT res) {
     fp->err = (BYTE)res;
     return res;
 }
 
-static FRESULT check_file(FIL* fp, FATFS** fs) {
+} // namespace fat
+
+FRESULT fat::check_file(FIL* fp, FATFS** fs) {
     FRESULT res = validate(fp != nullptr ? &fp->obj : nullptr, fs);
     if (res != FR_OK) {
         return res;
     }
     return (FRESULT)fp->err;
 }
+
+FRESULT fat::check_writer(FIL* fp, FATFS** fs) {
+    FRESULT res = check_file(fp, fs);
+    if (res == FR_OK && !(fp->flag & FA_WRITE)) {
+        res = FR_DENIED;
+    }
+    return res;
+}
+
+namespace fat {
 
 // Makes the entry found by dj a new empty file, or empties the existing one (its old chain is freed
 // after the entry stops pointing at it).
@@ -163,6 +186,8 @@ FRESULT f_open(FIL* fp, const TCHAR* path, BYTE mode) {
     fp->clust = 0;
     fp->sect = 0;
     fp->pclust = 0;
+    fp->plan = nullptr;
+    fp->plan_n = 0;
     fp->obj.fs = fs;
     if ((mode & FA_OPEN_APPEND) == FA_OPEN_APPEND && fp->obj.objsize > 0) {
         res = f_lseek(fp, fp->obj.objsize);
@@ -257,12 +282,9 @@ FRESULT f_write(FIL* fp, const void* buff, UINT btw, UINT* bw) {
     }
     *bw = 0;
     FATFS* fs;
-    FRESULT res = check_file(fp, &fs);
+    FRESULT res = check_writer(fp, &fs);
     if (res != FR_OK) {
         return res;
-    }
-    if (!(fp->flag & FA_WRITE)) {
-        return FR_DENIED;
     }
     if ((FSIZE_t)(fp->fptr + btw) < fp->fptr) {
         btw = (UINT)(0xFFFFFFFF - fp->fptr); // a file stays below 4 GiB
@@ -283,7 +305,7 @@ FRESULT f_write(FIL* fp, const void* buff, UINT btw, UINT* bw) {
                 }
                 if (c == 0) {
                     DWORD prev = fp->fptr != 0 ? fp->clust : 0;
-                    if ((res = alloc_cluster(fs, prev, &c)) != FR_OK) {
+                    if ((res = grow(fp, fs, prev, &c)) != FR_OK) {
                         return abort_file(fp, res);
                     }
                     if (c == 0) {
@@ -467,6 +489,36 @@ FRESULT f_sync(FIL* fp) {
         return abort_file(fp, res);
     }
     fp->flag &= (BYTE)~FA_MODIFIED;
+    return FR_OK;
+}
+
+// The entry stops covering the clusters before they are freed, so a power cut in between leaves
+// lost clusters, never an entry whose size runs past its chain.
+FRESULT f_truncate(FIL* fp) {
+    FATFS* fs;
+    FRESULT res = check_writer(fp, &fs);
+    if (res != FR_OK || fp->fptr >= fp->obj.objsize) {
+        return res;
+    }
+    if ((res = settle(fp, fs)) != FR_OK) {
+        return abort_file(fp, res);
+    }
+    DWORD first_freed = fp->obj.sclust;
+    if (fp->fptr > 0 && (res = next_cluster(fs, fp->clust, &first_freed)) != FR_OK) {
+        return abort_file(fp, res);
+    }
+    fp->obj.objsize = fp->fptr;
+    if (fp->fptr == 0) {
+        fp->obj.sclust = 0;
+    }
+    fp->flag |= FA_MODIFIED;
+    if ((res = f_sync(fp)) != FR_OK || first_freed == 0) {
+        return res;
+    }
+    if ((fp->fptr > 0 && (res = put_fat(fs, fp->clust, end_of_chain(fs))) != FR_OK) ||
+        (res = remove_chain(fs, first_freed)) != FR_OK || (res = sync_fs(fs)) != FR_OK) {
+        return abort_file(fp, res);
+    }
     return FR_OK;
 }
 

@@ -108,9 +108,11 @@ constexpr BYTE NS_NONAME = 0x80; // the path named no object (the root directory
 constexpr BYTE FA_MODIFIED = 0x40; // the directory entry needs updating
 constexpr BYTE FA_DIRTY = 0x80;    // buf[] holds unwritten data
 
-// FATFS.fsi_flag.
-constexpr BYTE FSI_CHANGED = 0x01;      // free count or hint changed since FSInfo was written
+// FATFS.fsi_flag. FSInfo is read only when something needs its counts (an allocation, f_getfree),
+// not at every mount: a wake that appends within its last cluster never reads it.
+constexpr BYTE FSI_WRITE_COUNT = 0x01;  // the exact free count in free_clst goes to the card at sync
 constexpr BYTE FSI_DISK_UNKNOWN = 0x02; // FSInfo on the card says the free count is unknown
+constexpr BYTE FSI_NOT_LOADED = 0x40;   // the FSInfo sector has not been read since the mount
 constexpr BYTE FSI_UNUSABLE = 0x80;     // no valid FSInfo sector to keep up to date
 
 constexpr DWORD UNKNOWN = 0xFFFFFFFF; // free count or allocation hint not known
@@ -125,6 +127,10 @@ FRESULT take_drive(const TCHAR** path);
 FRESULT find_volume(const TCHAR** path, FATFS** rfs, bool write);
 // Checks that an open file or directory still belongs to the mounted volume.
 FRESULT validate(const FFOBJID* obj, FATFS** rfs);
+// An open file that is still usable: validate, then the error that stopped it, if any.
+FRESULT check_file(FIL* fp, FATFS** fs);
+// The same, for a file opened for writing (FR_DENIED otherwise).
+FRESULT check_writer(FIL* fp, FATFS** fs);
 
 // The one-sector window of the volume.
 FRESULT sync_window(FATFS* fs);
@@ -141,8 +147,17 @@ FRESULT put_fat(FATFS* fs, DWORD clst, DWORD val);
 // The cluster after clst: 0 at the end of the chain; FR_INT_ERR for a free, reserved or out of
 // range link.
 FRESULT next_cluster(FATFS* fs, DWORD clst, DWORD* next);
-// Takes a free cluster (searching after `near`, else after the last allocation) and marks it as the
-// end of a chain, linked from nowhere yet. *newc is 0 when the volume is full.
+// Reads FSInfo's counts if nothing has yet (FAT32 with a valid FSInfo sector only).
+FRESULT load_fsinfo(FATFS* fs);
+// Before the FAT's allocation changes: FSInfo's count on the card becomes "unknown".
+FRESULT fsinfo_unknown(FATFS* fs);
+// Finds the first free cluster after `near` (else after the last allocation), without taking it;
+// *found is 0 when the volume is full. A search that finds none records the volume as full (and
+// tells FSInfo), so that later searches end at once until a cluster is freed.
+FRESULT find_free(FATFS* fs, DWORD near, DWORD* found);
+// Marks a free cluster as the end of a chain of its own, linked from nowhere yet.
+FRESULT take_cluster(FATFS* fs, DWORD clst);
+// find_free, then take_cluster. *newc is 0 when the volume is full.
 FRESULT alloc_cluster(FATFS* fs, DWORD near, DWORD* newc);
 // Frees every cluster of a chain.
 FRESULT remove_chain(FATFS* fs, DWORD clst);

@@ -3,15 +3,19 @@
 #pragma once
 
 #include <cstdio>
+#include <initializer_list>
 #include <sstream>
 #include <string>
 
 // What a cut may leave: lost clusters (reclaimed), a chain one cluster longer than the size (the
-// interrupted append's cluster, cut off again), and FSInfo's count marked unknown. Anything else in
-// fsck.fat's report is damage. `data_file` is the file being appended to, as fsck.fat names it; only
-// its chain may be longer than its size. (A move cut between its two entry writes loses the file's
-// name: its clusters are lost clusters; that is the price of never having two entries on one chain.)
-inline bool only_benign(const std::string& report, const std::string& data_file = "/DATA.CSV") {
+// interrupted append's cluster, cut off again) on one of the files being appended to, FSInfo's count
+// marked unknown, and, on a card with two FATs, copies that differ where the cut fell between their
+// writes (fsck.fat then goes by the first FAT, which is written first, and what it finds there must
+// itself be benign). Anything else in fsck.fat's report is damage. The files are named as fsck.fat
+// names them ("/DATA.CSV"). (A move cut between its two entry writes loses the file's name: its
+// clusters are lost clusters; that is the price of never having two entries on one chain.)
+inline bool only_benign(const std::string& report,
+                        std::initializer_list<const char*> appended = {"/DATA.CSV"}) {
     std::istringstream in(report);
     std::string line;
     long reclaimed = 0;
@@ -40,11 +44,16 @@ inline bool only_benign(const std::string& report, const std::string& data_file 
             summary_off = b - a;
             continue;
         }
-        const char* fine[] = {"fsck.fat", "Leaving filesystem unchanged", "Auto-correcting",
-                              "Free cluster summary uninitialized", " files, "};
-        bool ok = line.empty() || line.find(data_file) != std::string::npos;
+        const char* fine[] = {"fsck.fat",          "Leaving filesystem unchanged",
+                              "Auto-correcting",   "Free cluster summary uninitialized",
+                              " files, ",          "FATs differ but appear to be intact.",
+                              "  Using first FAT."};
+        bool ok = line.empty();
         for (const char* f : fine) {
             ok = ok || line.find(f) != std::string::npos;
+        }
+        for (const char* file : appended) {
+            ok = ok || line == file;
         }
         if (!ok) {
             return false;
