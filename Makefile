@@ -1,5 +1,5 @@
 # Thin front end over the CMake presets. See README.md.
-.PHONY: run test target flash bench host host-release deps clean
+.PHONY: run test target flash bench powercut host host-release deps clean
 
 run:
 	cmake --preset host >/dev/null
@@ -23,6 +23,10 @@ flash: target
 bench: host-release target
 	cmake --build --preset host-release --target hxc3_bench
 	./build/host-release/bench/hxc3_bench
+
+# The power-cut test from every starting size of its files (make test runs a slice of them).
+powercut: host
+	HXC3_POWERCUT_SWEEP=1 ./build/host/tests/hxc3_unit_tests --gtest_filter='PowerCut.*'
 
 host:
 	cmake --preset host >/dev/null

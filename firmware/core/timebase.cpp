@@ -14,6 +14,7 @@
 #include "storage/fatfs/diskio.h"
 #include "storage/fatfs/ff.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 namespace {
 constexpr uint32_t delay_counts_per_ms = 16667;
@@ -82,32 +83,15 @@ void error_store(const char* message) {
         return;
     }
 
-    FIL fil{}; // zeroed, so later calls on a file that failed to open are refused, not followed
-    UINT written = 0;
-    FRESULT fr = f_open(&fil, "Error.txt", FA_OPEN_ALWAYS | FA_WRITE);
-    if (fr != FR_OK) {
-        uprintf("Error.txt f_open error: %s\r\n", StringFromFresult(fr));
-    }
-    fr = f_lseek(&fil, f_size(&fil));
-    if (fr != FR_OK) {
-        uprintf("Error.txt f_lseek error: %s\r\n", StringFromFresult(fr));
-    }
-
+    const char* log = "Error.txt ";
+    sd_append_report(log, AppendStep::open, sd_append_open("Error.txt", TailSlot::error_log));
+    sd_append_report(log, AppendStep::seek, sd_append_seek());
     char stamp[50];
     size_t len = strftime(stamp, sizeof(stamp), "\r\n%Y/%m/%d %H:%M:%S ", get_RTC_time());
-    fr = f_write(&fil, stamp, static_cast<UINT>(len), &written);
-    if (fr != FR_OK) {
-        uprintf("Error.txt f_write error: %s\r\n", StringFromFresult(fr));
-    }
-    fr = f_write(&fil, message, static_cast<UINT>(strlen(message)), &written);
-    if (fr != FR_OK) {
-        uprintf("Error.txt f_write error: %s\r\n", StringFromFresult(fr));
-    }
-
-    fr = f_close(&fil);
-    if (fr != FR_OK) {
-        uprintf("Error.txt f_close error: %s\r\n", StringFromFresult(fr));
-    }
+    sd_append_report(log, AppendStep::write, sd_append_write(stamp, static_cast<uint32_t>(len)));
+    sd_append_report(log, AppendStep::write,
+                     sd_append_write(message, static_cast<uint32_t>(strlen(message))));
+    sd_append_report(log, AppendStep::close, sd_append_close());
 }
 
 // In 2000..2099 every fourth year is a leap year, 2000 included.

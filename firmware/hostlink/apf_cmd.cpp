@@ -23,6 +23,7 @@
 #include "ports/uartstdio.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 namespace {
 
@@ -33,8 +34,24 @@ constexpr uint32_t SENDLAST_MAX = 1535;
 // How long the controller has to acknowledge the CTD reply.
 constexpr uint32_t CTD_ACK_TIMEOUT_MS = 3000;
 
-FIL apf_log_fil;
 bool apf_log_open = false;
+
+constexpr char ISUSDURA_HEADER[] =
+    "Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],pHint,pHext,Sample Time[s],CTD Time[s],"
+    "Humidity[%],Vbat[V],Board Temp[C],System Current[A],Vtherm std[V],Temp[C],Vk[V],Vrsi[V],"
+    "Vrsi std[V],Vrse[V],Vrse std[V],Ik,Ib\n";
+
+// Appends to the open float log; a failure shows with the debug output.
+void write_log(const char* text, size_t len) {
+    if (!apf_log_open) {
+        return;
+    }
+    FRESULT fr = sd_append_write(text, static_cast<uint32_t>(len));
+    if (fr != FR_OK) {
+        dbg_printf("%s f_write error: %s\r\n", APF_LOG_FILENAME,
+                   sd_append_result_text(AppendStep::write, fr));
+    }
+}
 
 const char* line(void) {
     return reinterpret_cast<const char*>(rx0.buf);
@@ -283,11 +300,12 @@ void apf_take_sample_pH(void) {
              static_cast<double>(sampl.fIb));
 
     if (OpenApfLogFile(2) == 0) {
-        if (apf.dura_reset_flag == 1 || f_size(&apf_log_fil) == 0) {
+        if (apf.dura_reset_flag == 1 || sd_append_tell() == 0) {
             print_write_isusdura_header();
             apf.dura_reset_flag = 0;
         }
-        sd_fprintf(&apf_log_fil, "%s\n", prnBuf);
+        write_log(prnBuf, strlen(prnBuf));
+        write_log("\n", 1);
         CloseApfLogFile();
     }
 
@@ -452,10 +470,15 @@ uint32_t OpenApfLogFile(uint32_t mode) {
     if (apf_log_open) {
         CloseApfLogFile();
     }
-    memset(&apf_log_fil, 0, sizeof apf_log_fil);
-    FRESULT fr = f_open(&apf_log_fil, APF_LOG_FILENAME, FA_OPEN_APPEND | FA_WRITE);
+    FRESULT fr = sd_append_open(APF_LOG_FILENAME, TailSlot::float_log);
     if (fr != FR_OK) {
         dbg_printf("%s f_open error: %s\r\n", APF_LOG_FILENAME, StringFromFresult(fr));
+        return 1;
+    }
+    fr = sd_append_seek();
+    if (fr != FR_OK) {
+        dbg_printf("%s f_lseek error: %s\r\n", APF_LOG_FILENAME, StringFromFresult(fr));
+        sd_append_close();
         return 1;
     }
     apf_log_open = true;
@@ -467,18 +490,12 @@ void CloseApfLogFile(void) {
         return;
     }
     apf_log_open = false;
-    FRESULT fr = f_close(&apf_log_fil);
+    FRESULT fr = sd_append_close();
     if (fr != FR_OK) {
         dbg_printf("%s f_close error: %s\r\n", APF_LOG_FILENAME, StringFromFresult(fr));
     }
 }
 
 void print_write_isusdura_header(void) {
-    if (!apf_log_open) {
-        return;
-    }
-    sd_fprintf(&apf_log_fil,
-               "Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],pHint,pHext,Sample Time[s],CTD Time[s],"
-               "Humidity[%%],Vbat[V],Board Temp[C],System Current[A],Vtherm std[V],Temp[C],Vk[V],Vrsi[V],"
-               "Vrsi std[V],Vrse[V],Vrse std[V],Ik,Ib\n");
+    write_log(ISUSDURA_HEADER, sizeof ISUSDURA_HEADER - 1);
 }

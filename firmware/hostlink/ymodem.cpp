@@ -16,6 +16,7 @@
 #include "storage/calfile.h"
 #include "storage/fatfs/ff.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 namespace {
 
@@ -57,8 +58,26 @@ uint8_t frame[LONG_BLOCK + FRAME_EXTRA];
 uint8_t* const block_data = frame + FRAME_HEAD;
 // The file of the memory mode, and the copy of a ".cal" file received to the card.
 char memory_file[YMODEM_MEMORY_MAX];
-// The file being written or sent; kept off the stack (a FIL holds a sector).
-FIL ymodem_fil;
+// The file being written or sent: the card's shared file object while a transfer holds it.
+FIL* ymodem_fil = nullptr;
+
+FRESULT close_card_file(void) {
+    FRESULT fr = ymodem_fil != nullptr ? f_close(ymodem_fil) : FR_INVALID_OBJECT;
+    if (ymodem_fil != nullptr) {
+        sd_file_give();
+        ymodem_fil = nullptr;
+    }
+    return fr;
+}
+
+FRESULT open_card_file(const char* path, BYTE mode) {
+    ymodem_fil = sd_file_take();
+    FRESULT fr = ymodem_fil != nullptr ? f_open(ymodem_fil, path, mode) : FR_LOCKED;
+    if (fr != FR_OK) {
+        close_card_file();
+    }
+    return fr;
+}
 
 // ---------------------------------------------------------------- line
 
@@ -311,8 +330,8 @@ bool open_file(RxFile& f) {
         return true;
     }
     card_path_of(f.name, f.path);
-    memset(&ymodem_fil, 0, sizeof ymodem_fil);
-    FRESULT fr = f_open(&ymodem_fil, f.path, FA_WRITE | FA_CREATE_ALWAYS);
+    FRESULT fr = open_card_file(f.path, FA_WRITE | FA_CREATE_ALWAYS);
+    sd_append_space_freed(); // a file of that name was emptied, if there was one
     if (fr != FR_OK) {
         snprintf(failure_text, sizeof failure_text, "f_open error: %s", StringFromFresult(fr));
         return false;
@@ -342,7 +361,7 @@ bool store_block(RxFile& f, uint32_t len) {
     }
     if (f.on_card && len > 0) {
         UINT written = 0;
-        FRESULT fr = f_write(&ymodem_fil, block_data, len, &written);
+        FRESULT fr = f_write(ymodem_fil, block_data, len, &written);
         if (fr != FR_OK || written != len) {
             snprintf(failure_text, sizeof failure_text, "f_write error: %s",
                      StringFromFresult(fr != FR_OK ? fr : FR_DENIED));
@@ -359,9 +378,10 @@ bool close_file(RxFile& f, bool whole) {
         return true;
     }
     f.on_card = false;
-    FRESULT fr = f_close(&ymodem_fil);
+    FRESULT fr = close_card_file();
     if (!whole) {
         f_unlink(f.path);
+        sd_append_space_freed();
         return false;
     }
     if (fr != FR_OK) {
@@ -654,7 +674,7 @@ Outcome send_file(const char* name, uint32_t size, uint32_t& sent) {
     uint8_t num = 1;
     for (;;) {
         UINT got = 0;
-        FRESULT fr = f_read(&ymodem_fil, block_data, LONG_BLOCK, &got);
+        FRESULT fr = f_read(ymodem_fil, block_data, LONG_BLOCK, &got);
         if (fr != FR_OK) {
             snprintf(failure_text, sizeof failure_text, "f_read error: %s", StringFromFresult(fr));
             return Outcome::failed;
@@ -732,13 +752,12 @@ int32_t ymodem_send(const char* name) {
         uprintf("ymodem: no microSD card, nothing sent\r\n");
         return YMODEM_FAILED;
     }
-    memset(&ymodem_fil, 0, sizeof ymodem_fil);
-    FRESULT fr = f_open(&ymodem_fil, path, FA_READ);
+    FRESULT fr = open_card_file(path, FA_READ);
     if (fr != FR_OK) {
         uprintf("ymodem: cannot open %s: %s\r\n", path, StringFromFresult(fr));
         return YMODEM_FAILED;
     }
-    uint32_t size = f_size(&ymodem_fil);
+    uint32_t size = f_size(ymodem_fil);
     uprintf("ymodem: sending %s, %lu bytes; start the YMODEM receiver (Ctrl-C to cancel)\r\n", path,
             static_cast<unsigned long>(size));
     wait_consoleTx();
@@ -749,7 +768,7 @@ int32_t ymodem_send(const char* name) {
     uint32_t sent = 0;
     snprintf(failure_text, sizeof failure_text, "%s", "too many errors");
     Outcome o = send_file(slash != nullptr ? slash + 1 : path, size, sent);
-    f_close(&ymodem_fil);
+    close_card_file();
     end_transfer(o);
     if (o == Outcome::ok) {
         uprintf("\r\nymodem: sent %s, %lu bytes\r\n", path, static_cast<unsigned long>(sent));

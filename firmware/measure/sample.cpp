@@ -18,6 +18,7 @@
 #include "storage/fatfs/ff.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 #include "driverlib/hibernate.h"
 #include "driverlib/sysctl.h"
@@ -105,8 +106,6 @@ constexpr uint32_t settle_step_ms = 5;
 // CTD codes on port 4: 5 is "none" (the default salinity is used), 6 and up are real drivers.
 constexpr unsigned char uart4_no_ctd = 5;
 constexpr unsigned char uart4_first_ctd = 6;
-constexpr BYTE append_mode = FA_READ | FA_WRITE | FA_OPEN_ALWAYS;
-static_assert(append_mode == 0x13);
 
 // The time column's text. A time-stamp setting other than 1 or 2 leaves it as the last sample left it.
 char time_text[51];
@@ -390,32 +389,29 @@ void terminate_line() {
 }
 
 // Open, seek to the end, write, close: the data file is never held open, so a power loss costs at
-// most this line. A file that would not open or seek is left alone; the sample still counts.
+// most this line. A file that would not open or seek is left alone; the sample still counts. A card
+// too full for the line keeps none of it, and says so in the error log while that has room.
 void append_line_to_data_file() {
     char name[sizeof sys_data.fileName + 1];
     memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
     name[sizeof sys_data.fileName] = '\0';
-    static FIL fil;
-    FRESULT fr = f_open(&fil, name, append_mode);
+    FRESULT fr = sd_append_report("", AppendStep::open, sd_append_open(name, TailSlot::data_file));
     if (fr != FR_OK) {
-        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
         error_store("f_open error");
         return;
     }
-    fr = f_lseek(&fil, f_size(&fil));
-    if (fr != FR_OK) {
-        uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
-    } else {
-        UINT written = 0;
-        fr = f_write(&fil, prnBuf, static_cast<UINT>(prn_pos), &written);
-        if (fr != FR_OK) {
-            uprintf("f_write error: %s\r\n", StringFromFresult(fr));
-        }
+    fr = sd_append_report("", AppendStep::seek, sd_append_seek());
+    bool full = false;
+    if (fr == FR_OK) {
+        fr = sd_append_report("", AppendStep::write, sd_append_write(prnBuf, static_cast<uint32_t>(prn_pos)));
+        full = fr == SD_CARD_FULL;
     }
-    fr = f_close(&fil);
+    fr = sd_append_report("", AppendStep::close, sd_append_close());
     if (fr != FR_OK) {
-        uprintf("f_close error: %s\r\n", StringFromFresult(fr));
         error_store("f_close error");
+    }
+    if (full) {
+        error_store("f_write error: card full");
     }
 }
 
@@ -595,12 +591,16 @@ void sendlast_takesample(void) {
         return;
     }
     uprintf("VESK TODO:  Sendlast_takesample is not done yet\r\n");
-    static FIL fil;
-    FRESULT fr = f_open(&fil, "snapshot.txt", FA_READ);
+    // The card's file object is given back before each sample: the sample appends through it.
+    FIL* fil = sd_file_take();
+    FRESULT fr = fil != nullptr ? f_open(fil, "snapshot.txt", FA_READ) : FR_LOCKED;
     if (fr != FR_OK) {
+        sd_file_give();
         get_sample(0, 1);
-        fr = f_open(&fil, "snapshot.txt", FA_READ);
+        fil = sd_file_take();
+        fr = fil != nullptr ? f_open(fil, "snapshot.txt", FA_READ) : FR_LOCKED;
         if (fr != FR_OK) {
+            sd_file_give();
             uprintf("f_open error snapshot.txt: %s\r\n", StringFromFresult(fr));
             error_store("f_open error on snapshot.txt");
             return;
@@ -608,7 +608,7 @@ void sendlast_takesample(void) {
     }
     char text[240];
     UINT got = 0;
-    fr = f_read(&fil, text, sizeof text - 1, &got);
+    fr = f_read(fil, text, sizeof text - 1, &got);
     if (fr != FR_OK) {
         uprintf("f_read error snapshot.txt\r\n");
     } else if (got < 5) {
@@ -616,7 +616,8 @@ void sendlast_takesample(void) {
     } else {
         UARTwrite(text, got);
     }
-    fr = f_close(&fil);
+    fr = f_close(fil);
+    sd_file_give();
     if (fr != FR_OK) {
         uprintf("f_close error snapshot.txt: %s\r\n", StringFromFresult(fr));
         error_store("f_close error");

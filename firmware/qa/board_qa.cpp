@@ -22,6 +22,7 @@
 #include "storage/fatfs/ff.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 namespace {
 
@@ -63,19 +64,23 @@ bool card_works(void) {
         }
         microSD_flg = 1;
     }
-    static FIL fil;
-    const char text[] = "HXC3 board QA\r\n";
-    if (f_open(&fil, "QATEST.TXT", FA_WRITE | FA_CREATE_ALWAYS) != FR_OK) {
+    FIL* fil = sd_file_take();
+    if (fil == nullptr) {
         return false;
     }
+    const char text[] = "HXC3 board QA\r\n";
     UINT n = 0;
-    bool ok = f_write(&fil, text, sizeof text - 1, &n) == FR_OK && n == sizeof text - 1;
-    ok = f_close(&fil) == FR_OK && ok;
+    bool ok = f_open(fil, "QATEST.TXT", FA_WRITE | FA_CREATE_ALWAYS) == FR_OK;
+    ok = ok && f_write(fil, text, sizeof text - 1, &n) == FR_OK && n == sizeof text - 1;
+    ok = f_close(fil) == FR_OK && ok;
     char back[sizeof text] = {};
-    ok = ok && f_open(&fil, "QATEST.TXT", FA_READ) == FR_OK;
-    ok = ok && f_read(&fil, back, sizeof back - 1, &n) == FR_OK && n == sizeof text - 1;
-    f_close(&fil);
-    f_unlink("QATEST.TXT");
+    ok = ok && f_open(fil, "QATEST.TXT", FA_READ) == FR_OK;
+    ok = ok && f_read(fil, back, sizeof back - 1, &n) == FR_OK && n == sizeof text - 1;
+    f_close(fil);
+    sd_file_give();
+    if (f_unlink("QATEST.TXT") == FR_OK) {
+        sd_append_space_freed();
+    }
     return ok && memcmp(back, text, sizeof text - 1) == 0;
 }
 

@@ -11,6 +11,7 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 #include <cmath>
 #include <cstdarg>
@@ -42,7 +43,7 @@ struct CalHolders {
 };
 
 // The card's reader works on one file at a time; kept out of the stack (a FIL holds a sector).
-FIL cal_fil;
+FIL* cal_fil = nullptr;
 
 // The key each line must begin with, by position.
 constexpr const char* CAL_KEYS[CAL_LINE_COUNT] = {
@@ -276,7 +277,7 @@ namespace {
 uint32_t read_card_holders(CalHolders& h) {
     char line[CAL_CARD_LINE_MAX + 1];
     for (uint32_t n = 0; n < CAL_LINE_COUNT; n++) {
-        efgets(&cal_fil, line);
+        efgets(cal_fil, line);
         uprintf("%s\r\n", line);
         // The ISFET and ISE numbers are read into one holder on this path (kept as it is).
         if (!scan_cal_line(n, line, h, h.isfet_sn)) {
@@ -302,14 +303,15 @@ void store_card_holders(const CalHolders& h) {
 
 uint32_t import_pH_sensor_cal_coeff(void) {
     UARTEchoSet(false);
-    FRESULT fr = f_open(&cal_fil, CAL_CARD_FILENAME, FA_READ);
+    cal_fil = sd_file_take();
+    FRESULT fr = cal_fil != nullptr ? f_open(cal_fil, CAL_CARD_FILENAME, FA_READ) : FR_LOCKED;
     if (fr != FR_OK) {
+        sd_file_give();
         uprintf("f_open error: %s\r\n", StringFromFresult(fr));
         UARTEchoSet(true);
         return 1;
     }
-    uprintf("importing %s, %lu bytes...\r\n", CAL_CARD_FILENAME,
-            static_cast<unsigned long>(f_size(&cal_fil)));
+    uprintf("importing %s, %lu bytes...\r\n", CAL_CARD_FILENAME, static_cast<unsigned long>(f_size(cal_fil)));
     UARTFlushTx(false);
 
     CalHolders h{};
@@ -321,7 +323,8 @@ uint32_t import_pH_sensor_cal_coeff(void) {
     }
 
     uprintf("\r\n\r\n");
-    fr = f_close(&cal_fil);
+    fr = f_close(cal_fil);
+    sd_file_give();
     if (fr != FR_OK) {
         uprintf("f_close error: %s\r\n", StringFromFresult(fr));
     }

@@ -18,6 +18,7 @@
 #include "ports/uartstdio.h"
 #include "storage/fatfs/ff.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 namespace {
 
@@ -41,9 +42,9 @@ constexpr uint32_t PUMP2_BEAMSV1 = 2;
 struct Writer {
     bool print;  // console copy
     bool write;  // file copy wanted and not yet given up
-    bool open;   // the data file is open now
+    bool open;   // an append session on the data file is open now
     bool failed; // a file operation failed
-    FIL fil;
+    bool stuck;  // a write failed: the session takes no more (one message, not one a line)
 };
 
 // A text field of sys_data as a terminated string, even when the stored bytes lack their NUL.
@@ -78,22 +79,20 @@ void open_for_append(Writer& w) {
         w.write = false;
         return;
     }
-    FRESULT fr = f_open(&w.fil, text(sys_data.fileName), DATA_FILE_MODE);
+    FRESULT fr =
+        sd_append_report("", AppendStep::open, sd_append_open(text(sys_data.fileName), TailSlot::data_file));
     if (fr != FR_OK) {
-        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
         w.failed = true;
         w.write = false;
-        return;
-    }
-    fr = f_lseek(&w.fil, f_size(&w.fil));
-    if (fr != FR_OK) {
-        uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
-        w.failed = true;
-        w.write = false;
-        f_close(&w.fil); // nothing was written: only the handle is let go
         return;
     }
     w.open = true;
+    if (sd_append_report("", AppendStep::seek, sd_append_seek()) != FR_OK) {
+        w.failed = true;
+        w.write = false;
+        sd_append_close(); // nothing was written: only the file is let go
+        w.open = false;
+    }
 }
 
 void close_file(Writer& w) {
@@ -101,26 +100,22 @@ void close_file(Writer& w) {
         return;
     }
     w.open = false;
-    FRESULT fr = f_close(&w.fil);
-    if (fr != FR_OK) {
-        uprintf("f_close error: %s\r\n", StringFromFresult(fr));
+    w.stuck = false;
+    if (sd_append_report("", AppendStep::close, sd_append_close()) != FR_OK) {
         w.failed = true;
     }
 }
 
-// Appends text to the open file; error_format names the failure.
-void file_write(Writer& w, const char* data, size_t len, const char* error_format) {
-    if (!w.open) {
+// Appends text to the open file; `prefix` goes before the failure's "f_write error: ...". A card too
+// full for the header keeps none of it (the session is taken back when it closes).
+void file_write(Writer& w, const char* data, size_t len, const char* prefix = "") {
+    if (!w.open || w.stuck) {
         return;
     }
-    UINT written = 0;
-    FRESULT fr = f_write(&w.fil, data, static_cast<UINT>(len), &written);
-    if (fr == FR_OK && written < len) {
-        fr = FR_DENIED; // the volume is full
-    }
-    if (fr != FR_OK) {
-        uprintf(error_format, StringFromFresult(fr));
+    if (sd_append_report(prefix, AppendStep::write, sd_append_write(data, static_cast<uint32_t>(len))) !=
+        FR_OK) {
         w.failed = true;
+        w.stuck = true;
     }
 }
 
@@ -135,7 +130,7 @@ void vput(Writer& w, bool to_console, bool to_file, const char* fmt, va_list arg
         UARTwrite(line, static_cast<uint32_t>(len));
     }
     if (to_file) {
-        file_write(w, line, len, "f_write error: %s\r\n");
+        file_write(w, line, len);
     }
 }
 
@@ -183,7 +178,7 @@ void put_time_line(Writer& w, const char* format, uint32_t t, bool format_time) 
     if (w.print) {
         UARTwrite(line, static_cast<uint32_t>(len));
     }
-    file_write(w, line, len, "Current time f_write error: %s\r\n");
+    file_write(w, line, len, "Current time ");
 }
 
 void put_pump_times(Writer& w) {
@@ -466,7 +461,7 @@ bool print_write_metadata_header(uint32_t printFlg, uint32_t writeFlg) {
     put_calibration(w);
     put_identity(w);
     if (w.open) {
-        sys_samp.next_gdata_fptr = static_cast<uint32_t>(f_tell(&w.fil));
+        sys_samp.next_gdata_fptr = sd_append_tell();
     }
     close_file(w);
 
@@ -536,9 +531,9 @@ bool print_write_data_header(uint32_t printFlg, uint32_t writeFlg) {
     }
     Writer w = start_writer(0, 1);
     open_for_append(w);
-    file_write(w, line, len, "f_write error: %s\r\n");
+    file_write(w, line, len);
     if (w.open) {
-        sys_samp.next_gdata_fptr = static_cast<uint32_t>(f_tell(&w.fil));
+        sys_samp.next_gdata_fptr = sd_append_tell();
     }
     close_file(w);
     return w.failed;
@@ -586,18 +581,19 @@ uint32_t get_data(void) {
         uprintf("get_data() not supported with microSD disabled\r\n");
         return 1;
     }
-    FIL fil{};
-    FRESULT fr = f_open(&fil, text(sys_data.fileName), FA_READ);
+    FIL* fil = sd_file_take();
+    FRESULT fr = fil != nullptr ? f_open(fil, text(sys_data.fileName), FA_READ) : FR_LOCKED;
     if (fr != FR_OK) {
+        sd_file_give();
         uprintf("f_open error: %s\r\n", StringFromFresult(fr));
         return 1;
     }
     FSIZE_t pos = sys_samp.next_gdata_fptr;
-    if (pos > f_size(&fil)) {
+    if (pos > f_size(fil)) {
         pos = 0;
     }
     uint32_t result = 0;
-    fr = f_lseek(&fil, pos);
+    fr = f_lseek(fil, pos);
     if (fr != FR_OK) {
         uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
         result = 1;
@@ -605,7 +601,7 @@ uint32_t get_data(void) {
     while (result == 0) {
         char chunk[UPLOAD_CHUNK];
         UINT got = 0;
-        fr = f_read(&fil, chunk, sizeof chunk, &got);
+        fr = f_read(fil, chunk, sizeof chunk, &got);
         if (fr != FR_OK) {
             uprintf("f_read error: %s\r\n", StringFromFresult(fr));
             result = 1;
@@ -621,7 +617,8 @@ uint32_t get_data(void) {
     // The next upload continues after what was sent, also after a read error.
     sys_samp.next_gdata_fptr = static_cast<uint32_t>(pos);
     storeSysSampFRAMVariables();
-    fr = f_close(&fil);
+    fr = f_close(fil);
+    sd_file_give();
     if (fr != FR_OK) {
         uprintf("f_close error: %s\r\n", StringFromFresult(fr));
         result = 1;

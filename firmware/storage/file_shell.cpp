@@ -8,6 +8,7 @@
 #include "ports/uartstdio.h"
 #include "storage/fatfs/ff.h"
 #include "storage/microsd.h"
+#include "storage/sd_append.h"
 
 #include "driverlib/hibernate.h"
 
@@ -16,9 +17,6 @@
 namespace {
 
 char cwd[FILE_SHELL_PATH_SIZE] = "/";
-
-// A file being shown; kept out of the stack (a FIL holds a sector).
-FIL shell_fil;
 
 constexpr char CTRL_C = 0x03;
 
@@ -306,15 +304,17 @@ int Cmd_cat(int argc, char* argv[]) {
     if (bad != 0) {
         return bad;
     }
-    FRESULT fr = f_open(&shell_fil, path, FA_READ);
+    FIL* fil = sd_file_take();
+    FRESULT fr = fil != nullptr ? f_open(fil, path, FA_READ) : FR_LOCKED;
     if (fr != FR_OK) {
+        sd_file_give();
         return report("f_open", fr);
     }
     char chunk[FILE_SHELL_CAT_CHUNK];
     char last = '\n';
     while (true) {
         UINT got = 0;
-        fr = f_read(&shell_fil, chunk, sizeof chunk, &got);
+        fr = f_read(fil, chunk, sizeof chunk, &got);
         if (fr != FR_OK || got == 0) {
             break;
         }
@@ -332,7 +332,8 @@ int Cmd_cat(int argc, char* argv[]) {
     if (last != '\n') {
         uprintf("\r\n");
     }
-    f_close(&shell_fil);
+    f_close(fil);
+    sd_file_give();
     if (fr != FR_OK) {
         return report("f_read", fr);
     }
@@ -366,6 +367,7 @@ int Cmd_rm(int argc, char* argv[]) {
     if (fr != FR_OK) {
         return report("f_unlink", fr);
     }
+    sd_append_space_freed();
     return 0;
 }
 

@@ -11,7 +11,9 @@ inline constexpr uint32_t FRAM_PROBE_ADDR = 0x0000;     // 4 bytes, overwritten 
 inline constexpr uint32_t FRAM_SYS_SAMP_ADDR = 0x0040;  // sys_samp, 60 bytes
 inline constexpr uint32_t FRAM_LAST_SAMP_ADDR = 0x0080; // sampl, 96 bytes
 inline constexpr uint32_t FRAM_APF_ADDR = 0x0100;       // apf, 364 bytes
-inline constexpr uint32_t FRAM_DBUF_ADDR = 0x0400;      // float-link data buffer
+inline constexpr uint32_t FRAM_APPEND_ADDR = 0x0280;    // where appended files end (sd_append)
+inline constexpr uint32_t FRAM_APPEND_SIZE = 0x00C0;
+inline constexpr uint32_t FRAM_DBUF_ADDR = 0x0400; // float-link data buffer
 // Scratch area of the operator's FRAM test (four 128-byte blocks), clear of everything above.
 inline constexpr uint32_t FRAM_TEST_ADDR = 0x1000;
 

@@ -5,6 +5,7 @@
 #include "core/system.h"
 #include "core/timebase.h"
 #include "ports/uartstdio.h"
+#include "storage/sd_append.h"
 
 #include "driverlib/gpio.h"
 #include "driverlib/pin_map.h"
@@ -22,9 +23,6 @@ namespace {
 
 // The pause between opening the data file and writing to it.
 constexpr uint32_t append_settle_ms = 1;
-// Read, write, open always: the data file is created when missing and never truncated.
-constexpr BYTE append_mode = FA_READ | FA_WRITE | FA_OPEN_ALWAYS;
-static_assert(append_mode == 0x13);
 
 struct FresultName {
     FRESULT code;
@@ -81,6 +79,7 @@ uint32_t init_uSDCard(void) {
         uprintf("f_mount error: %s\r\n", StringFromFresult(fr));
         return 1;
     }
+    sd_append_start();
     return 0;
 }
 
@@ -88,27 +87,12 @@ void appendBufferToSDCard(const char* buffer) {
     char name[sizeof sys_data.fileName + 1];
     std::memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
     name[sizeof sys_data.fileName] = '\0';
-    // A file object that failed to open is refused by the later calls (invalid object), never used.
-    static FIL fil;
-    std::memset(&fil, 0, sizeof fil);
-    FRESULT fr = f_open(&fil, name, append_mode);
-    if (fr != FR_OK) {
-        uprintf("f_open error: %s\r\n", StringFromFresult(fr));
-    }
+    sd_append_report("", AppendStep::open, sd_append_open(name, TailSlot::data_file));
     delay_msec(append_settle_ms);
-    fr = f_lseek(&fil, f_size(&fil));
-    if (fr != FR_OK) {
-        uprintf("f_lseek error: %s\r\n", StringFromFresult(fr));
-    }
-    UINT written = 0;
-    fr = f_write(&fil, buffer, static_cast<UINT>(std::strlen(buffer)), &written);
-    if (fr != FR_OK) {
-        uprintf("f_write error: %s\r\n", StringFromFresult(fr));
-    }
-    fr = f_close(&fil);
-    if (fr != FR_OK) {
-        uprintf("f_close error: %s\r\n", StringFromFresult(fr));
-    }
+    sd_append_report("", AppendStep::seek, sd_append_seek());
+    sd_append_report("", AppendStep::write,
+                     sd_append_write(buffer, static_cast<uint32_t>(std::strlen(buffer))));
+    sd_append_report("", AppendStep::close, sd_append_close());
 }
 
 FRESULT sd_fprintf(FIL* fil, const char* format, ...) {

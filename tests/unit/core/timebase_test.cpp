@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "board/i2c0.h"
 #include "board/pinmux.h"
 #include "core/board_util.h"
 #include "core/system.h"
@@ -21,6 +22,7 @@ void start_board(void) {
     SysTickIntEnable();
     SysTickEnable();
     IntMasterEnable();
+    i2c0_init(0); // the error log's appends keep what they remember in the FRAM
 }
 
 double elapsed_s(uint64_t since_ns) {

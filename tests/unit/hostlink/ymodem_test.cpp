@@ -9,6 +9,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "board/i2c0.h"
 #include "board/pinmux.h"
 #include "core/config_menu.h"
 #include "core/main.h"
@@ -126,6 +127,7 @@ void start_board(void) {
     SysTickIntEnable();
     SysTickEnable();
     IntMasterEnable();
+    i2c0_init(0);
 }
 
 uint32_t g_mode;

@@ -407,6 +407,38 @@ TEST_F(SampleCycleOnCard, OpenFailureStillCountsTheSample) {
     EXPECT_NE(card_file("ERROR.TXT").find("f_open error"), std::string::npos);
 }
 
+// The card has no room for the line: none of it goes in, the console and the error log (which still
+// has room in its cluster) say so, and the sample counts.
+TEST_F(SampleCycleOnCard, ACardTooFullForTheLineKeepsNoneOfItAndLogsIt) {
+    const std::string host = image + ".fill";
+    auto pc_copy = [&](const std::string& text, const char* name) {
+        std::ofstream(host, std::ios::binary) << text;
+        return std::system(("MTOOLS_SKIP_CHECK=1 mcopy -o -i " + image + " " + host + " ::" + name).c_str());
+    };
+    const std::string data(1000, 'd'); // two 512-byte clusters with 24 bytes to spare
+    ASSERT_EQ(pc_copy(data, "DATA.TXT"), 0);
+    ASSERT_EQ(pc_copy("old entry\r\n", "ERROR.TXT"), 0);
+    f_unmount("");
+    ASSERT_EQ(init_uSDCard(), 0u);
+    DWORD free_clusters = 0;
+    FATFS* fs = nullptr;
+    ASSERT_EQ(f_getfree("", &free_clusters, &fs), FR_OK);
+    ASSERT_EQ(pc_copy(std::string(free_clusters * 512, 'f'), "FILLER.BIN"), 0);
+    unlink(host.c_str());
+    f_unmount("");
+    ASSERT_EQ(init_uSDCard(), 0u);
+    clear_out();
+    get_sample(1, 1);
+    const std::string console = out();
+    EXPECT_EQ(console.rfind("#0000041\t", 0), 0u) << console;
+    EXPECT_NE(console.find("\r\nf_write error: card full\r\n"), std::string::npos) << console;
+    EXPECT_EQ(sys_samp.current_sample, 42u);
+    EXPECT_EQ(card_file("DATA.TXT"), data);
+    EXPECT_NE(card_file("ERROR.TXT").find("old entry\r\n\r\n2026/01/01 00:00:0"), std::string::npos);
+    EXPECT_NE(card_file("ERROR.TXT").find(" f_write error: card full"), std::string::npos);
+    EXPECT_EQ(std::system(("fsck.fat -n " + image + " >/dev/null 2>&1").c_str()), 0);
+}
+
 TEST_F(SampleCycleOnCard, SnapshotThenNewSample) {
     sendlast_takesample();
     std::string console = out();

@@ -1,88 +1,104 @@
-// Power cuts in the middle of the data logger's appends. A power-on period appends numbered data
-// lines with appendBufferToSDCard to a card whose data file already holds the lines before them (or
-// does not exist yet). A reference run counts the period's sector writes; then, for every k, a fresh
-// copy of the card and a fresh board run the same period with the power cut as soon as the k-th
-// write has reached the card. After each cut fsck.fat -n may find only what an interrupted append is
-// allowed to leave (lost clusters, a chain one cluster too long), the data file holds every line
-// whose append had returned, in order, followed by at most part of the line in flight, and the other
-// file on the card is untouched. The periods start from files of many sizes, so that the cuts fall
-// in every step of an append: a new file, a new sector, a new cluster, a new sector of the FAT.
+// Power cuts in the middle of what the board really writes to its card: samples (get_sample), a
+// deployment's headers, the error log and the float log (a float controller's pH sample writes both
+// the data line and the float log). A power-on period runs a few such steps on a card whose files
+// already hold text copied from a PC. A reference run records every file after each step and counts
+// the period's sector writes; then, for every k, a fresh copy of the card (and of the FRAM) and a
+// fresh board run the same period with the power cut as soon as the k-th write has reached the card.
+// After each cut:
+// - fsck.fat -n finds nothing, or only what an interrupted write may leave (lost clusters, a chain
+//   one cluster longer than a file, on two FATs copies that differ with the first one right);
+// - every file holds the text of every step that returned, and of the step in flight all or none (a
+//   header, which is several appends, whole appends of it);
+// - the board starts again, appends once more, and the card is then clean (the start-up repaired
+//   what the cut left) with the new text after the old.
+// A file untouched by the period stays as it was. The cards: FAT16 and FAT32, with one and with two
+// FATs. `make powercut` runs every starting size; make test runs a slice of them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-#include "board/pinmux.h"
+#include "core/main.h"
 #include "core/system.h"
-#include "driverlib/interrupt.h"
-#include "driverlib/sysctl.h"
-#include "driverlib/systick.h"
+#include "core/timebase.h"
+#include "hostlink/apf.h"
+#include "hostlink/apf_cmd.h"
+#include "measure/sample.h"
+#include "runtime.h"
 #include "sim_test.h"
-#include "test_board.h"
+#include "storage/config.h"
 #include "storage/fatfs/fsck_check.h"
 #include "storage/microsd.h"
 
 namespace {
 
-// The order of the writes is our FAT module's own; built against a user's upstream FatFs instead,
-// these tests step back.
 #ifdef HXC3_FATFS_UPSTREAM
-constexpr bool our_module = false;
+constexpr bool our_module = false; // upstream FatFs orders its writes its own way
 #else
 constexpr bool our_module = true;
 #endif
 
 constexpr uint32_t rtc_start = 1767225600; // 2026-01-01 00:00:00 UTC
-constexpr char data_name[] = "DATA.CSV";
+
+// The files as the firmware and as mtools name them.
+constexpr char data_name[] = "DATA.TXT";
+const char* const files[] = {"DATA.TXT", "ERROR.TXT", "APFLOG.TXT", "OTHER.TXT"};
+constexpr size_t file_count = sizeof files / sizeof files[0];
 
 // ------------------------------------------------------------ what runs on the board
 
-uint32_t g_mount_result;
-int g_first;    // number of the first line to append
-int g_lines;    // appends in this power-on period
-int g_returned; // appendBufferToSDCard calls that returned
+void sample(void) {
+    get_sample(0, 1);
+}
+void log_error(void) {
+    error_store("f_open error: FR_NOT_READY\r\n");
+}
+void metadata_header(void) {
+    write_metadata_header();
+}
+void data_header(void) {
+    write_data_header();
+}
+void float_sample(void) {
+    apf_take_sample_pH();
+}
 
-void start_board(void) {
-    test_board::start_clocks();
+// The factory settings, logging to DATA.TXT with the default columns, stored as QA leaves a board.
+void set_up_board(void) {
+    init();
+    initSysDataVariables();
     std::memset(sys_data.fileName, 0, sizeof sys_data.fileName);
     std::memcpy(sys_data.fileName, data_name, sizeof data_name - 1);
-    g_mount_result = init_uSDCard();
+    storeSysDataVariables();
 }
 
-// Data line number i as a logger writes it every 15 minutes: 120 to 160 bytes, the length varying
-// with the values so that line ends fall anywhere in a sector.
-int format_line(char* buf, size_t size, int i) {
-    int minutes = i * 15;
-    return snprintf(buf, size,
-                    "%05d,2026/01/%02d %02d:%02d:00,%d.%04d,7.%04d,-0.%06d,-0.%06d,%d.%04d,%d.%04d,%d.%03d,"
-                    "%d.%03d,12.%05d,%d,%d,0x%04X,%.*s\r\n",
-                    i, 1 + minutes / 1440, minutes / 60 % 24, minutes % 60, 7 + i % 2, (i * 7919) % 10000,
-                    (i * 4177) % 10000, (i * 104729) % 1000000, (i * 15485) % 1000000, 10 + i % 9,
-                    (i * 31) % 10000, 34 + i % 2, (i * 97) % 10000, i % 1000, (i * 37) % 1000, 200 + i % 50,
-                    (i * 71) % 1000, (i * 313) % 100000, (i * 97) % 100000, (i * 131) % 1000000,
-                    (i * 29) & 0xFFFF, 8 + (i * 7) % 31, "3141592653589793238462643383279502884197");
-}
+struct Step {
+    void (*run)(void);
+    bool several_appends; // a cut may leave some of its appends whole and the rest out
+};
 
-void append_lines(void) {
-    char line[200];
-    for (int i = 0; i < g_lines; i++) {
-        format_line(line, sizeof line, g_first + i);
-        appendBufferToSDCard(line);
-        g_returned = i + 1;
+std::vector<Step> g_steps;
+size_t g_returned; // steps that returned in this power-on period
+
+void run_steps(void) {
+    for (const Step& s : g_steps) {
+        s.run();
+        g_returned++;
     }
 }
 
 // ------------------------------------------------------------ the host side
 
-// Runs a shell command; its exit status and its output (with its error output unless `quiet`).
 int shell(const std::string& cmd, std::string* output, bool quiet = false) {
     std::string full = "export MTOOLS_SKIP_CHECK=1; { " + cmd + (quiet ? "; } 2>/dev/null" : "; } 2>&1");
     FILE* p = popen(full.c_str(), "r");
@@ -99,11 +115,13 @@ int shell(const std::string& cmd, std::string* output, bool quiet = false) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A card image held in memory as its non-zero 4 KiB pieces, written out as a new sparse file for
-// every run so that no run sees what an earlier one left.
+// What the board keeps through a power cut: the card image (as its non-zero 4 KiB pieces, written
+// out as a new sparse file for every run) and the FRAM and EEPROM.
 struct Snapshot {
     uint64_t size = 0;
     std::vector<std::pair<uint64_t, std::vector<char>>> pieces;
+    std::vector<uint8_t> fram;
+    std::vector<uint8_t> eeprom;
 };
 
 bool take_snapshot(const std::string& path, Snapshot* snap) {
@@ -115,7 +133,6 @@ bool take_snapshot(const std::string& path, Snapshot* snap) {
     snap->size = static_cast<uint64_t>(lseek(fd, 0, SEEK_END));
     static const char zeros[4096] = {};
     std::vector<char> buf(sizeof zeros);
-    // Holes of the sparse file are skipped whole.
     for (off_t data = lseek(fd, 0, SEEK_DATA); data >= 0; data = lseek(fd, data, SEEK_DATA)) {
         off_t hole = lseek(fd, data, SEEK_HOLE);
         for (data -= data % static_cast<off_t>(sizeof zeros); data < hole; data += sizeof zeros) {
@@ -129,10 +146,12 @@ bool take_snapshot(const std::string& path, Snapshot* snap) {
         }
     }
     close(fd);
+    snap->fram.assign(sim::fram_bytes(), sim::fram_bytes() + sim::fram_size);
+    snap->eeprom.assign(sim::eeprom_bytes(), sim::eeprom_bytes() + sim::eeprom_size);
     return true;
 }
 
-bool restore(const Snapshot& snap, const std::string& path) {
+bool restore_image(const Snapshot& snap, const std::string& path) {
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) {
         return false;
@@ -146,28 +165,58 @@ bool restore(const Snapshot& snap, const std::string& path) {
     return ok;
 }
 
-constexpr char other_text[] = "2026/01/01 00:00:05 f_open error: FR_NOT_READY\r\n";
+// Text a PC put in the files before the period: numbered lines of a logger's width.
+std::string pc_text(size_t bytes, const char* tag) {
+    std::string text;
+    for (int i = 0; text.size() < bytes; i++) {
+        char line[200];
+        int n =
+            snprintf(line, sizeof line, "%s %05d,2026/01/01 00:00:00,7.%04d,-0.%06d,12.%05d,%.*s\r\n", tag, i,
+                     (i * 7919) % 10000, (i * 104729) % 1000000, (i * 313) % 100000, 8 + (i * 7) % 61,
+                     "3141592653589793238462643383279502884197169399375105820974944592307816406286");
+        text.append(line, static_cast<size_t>(n));
+    }
+    text.resize(bytes);
+    return text;
+}
 
-class PowerLoss : public ::testing::Test {
+using Contents = std::map<std::string, std::string>;
+
+struct Card {
+    const char* name;
+    std::string mkfs; // "" for the firmware's own FAT32 format; IMG stands for the image
+};
+
+// Whether `now` is a state the step in flight may leave between `before` and `after`.
+bool allowed(const std::string& now, const std::string& before, const std::string& after, bool several) {
+    if (now == before || now == after) {
+        return true;
+    }
+    if (before == "(none)" && now.empty()) {
+        return true; // the file was made, its first text not yet
+    }
+    return several && now.size() > before.size() && now.size() < after.size() &&
+           after.compare(0, now.size(), now) == 0 && now.compare(now.size() - 2, 2, "\r\n") == 0;
+}
+
+class PowerCut : public ::testing::Test {
   protected:
     std::string dir;
     std::string image;
-    Snapshot blank;             // the card as formatted
-    std::string text;           // every line the test may append, numbered from 0
-    std::vector<size_t> starts; // where each line starts in `text`, and its end
+    Snapshot formatted;
 
-    // Figures over all periods.
+    // Figures over the whole test.
     uint64_t tried = 0;
     uint64_t survived = 0;
-    uint64_t in_flight[3] = {0, 0, 0}; // the line in flight found: not at all, whole, in part
-    uint64_t repaired = 0;             // cuts that left lost clusters or a chain too long
+    uint64_t benign = 0;      // cuts that left lost clusters, a chain too long or differing FATs
+    uint64_t fats_differ = 0; // of those, cuts between the writes of two FAT copies
     int reported = 0;
 
     void SetUp() override {
         if (!our_module) {
             GTEST_SKIP() << "upstream FatFs orders its writes its own way";
         }
-        char name[] = "/tmp/hxc3-powerloss-XXXXXX";
+        char name[] = "/tmp/hxc3-powercut-XXXXXX";
         ASSERT_NE(mkdtemp(name), nullptr);
         dir = name;
         image = dir + "/card.img";
@@ -181,192 +230,223 @@ class PowerLoss : public ::testing::Test {
         }
     }
 
-    // A new board with the card in the slot, through the firmware's start-up mount.
-    void boot() {
+    static bool sweep() {
+        const char* env = std::getenv("HXC3_POWERCUT_SWEEP");
+        return env != nullptr && std::strcmp(env, "1") == 0;
+    }
+
+    void format(const Card& card) {
+        std::string out;
+        if (card.mkfs.empty()) {
+            ASSERT_TRUE(sim::sd_make_image(image, 256ull << 20, FM_FAT32));
+        } else {
+            std::string cmd = card.mkfs;
+            cmd.replace(cmd.find("IMG"), 3, image);
+            ASSERT_EQ(shell(cmd, &out), 0) << out;
+        }
+        ASSERT_TRUE(take_snapshot(image, &formatted));
+    }
+
+    Contents read_files() {
+        Contents c;
+        for (const char* f : files) {
+            std::string text;
+            if (shell("mtype -i " + image + " ::/" + f, &text, true) != 0) {
+                text = "(none)";
+            }
+            c[f] = text;
+        }
+        return c;
+    }
+
+    // A new board with the card: the factory settings, then the files a PC left on the card.
+    void prepare(size_t data_bytes, size_t log_bytes, Snapshot* start) {
+        ASSERT_TRUE(restore_image(formatted, image));
+        std::string out;
+        const std::pair<const char*, std::string> pc[] = {
+            {"DATA.TXT", pc_text(data_bytes, "D")},
+            {"ERROR.TXT", pc_text(log_bytes, "E")},
+            {"APFLOG.TXT", pc_text(log_bytes, "A")},
+            {"OTHER.TXT", pc_text(700, "O")},
+        };
+        for (const auto& [name, text] : pc) {
+            if (text.empty()) {
+                continue;
+            }
+            std::string host = dir + "/host.txt";
+            FILE* f = std::fopen(host.c_str(), "wb");
+            ASSERT_NE(f, nullptr);
+            std::fwrite(text.data(), 1, text.size(), f);
+            std::fclose(f);
+            ASSERT_EQ(shell("mcopy -o -i " + image + " " + host + " ::/" + name, &out), 0) << out;
+        }
         sim::test::reset_board(rtc_start);
         sim::sd_set_image(image);
-        ASSERT_TRUE(sim::test::run(start_board).returned);
-        ASSERT_EQ(g_mount_result, 0u);
+        ASSERT_TRUE(sim::test::run(set_up_board).returned);
+        ASSERT_TRUE(take_snapshot(image, start));
+    }
+
+    // The board as it was at the start of the period: same card, FRAM, EEPROM and clock.
+    void boot(const Snapshot& start) {
+        ASSERT_TRUE(restore_image(start, image));
+        sim::test::reset_board(rtc_start);
+        std::memcpy(sim::fram_bytes(), start.fram.data(), start.fram.size());
+        std::memcpy(sim::eeprom_bytes(), start.eeprom.data(), start.eeprom.size());
+        sim::sd_set_image(image);
+        ASSERT_TRUE(sim::test::run(init).returned);
         sim::test::clear_console_output();
     }
 
-    void make_text(int lines) {
-        text.clear();
-        starts.clear();
-        char line[200];
-        for (int i = 0; i < lines; i++) {
-            starts.push_back(text.size());
-            text.append(line, static_cast<size_t>(format_line(line, sizeof line, i)));
-        }
-        starts.push_back(text.size());
-    }
-
-    // The formatted card with the other file and the first `first` lines copied on from a PC.
-    void prepare(int first) {
-        ASSERT_TRUE(restore(blank, image));
-        std::string host = dir + "/host.txt";
-        std::string out;
-        FILE* f = std::fopen(host.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        std::fputs(other_text, f);
-        std::fclose(f);
-        ASSERT_EQ(shell("mcopy -i " + image + " " + host + " ::/ERROR.TXT", &out), 0) << out;
-        if (first > 0) {
-            f = std::fopen(host.c_str(), "wb");
-            ASSERT_NE(f, nullptr);
-            std::fwrite(text.data(), 1, starts[first], f);
-            std::fclose(f);
-            ASSERT_EQ(shell("mcopy -o -i " + image + " " + host + " ::/" + data_name, &out), 0) << out;
-        }
-    }
-
-    // What is wrong with the card after a cut while line `in_flight` was being appended: empty when
-    // nothing. `found` is the data file's size.
-    std::string check_after_cut(int in_flight, size_t* found) {
+    // After a cut in step `in_flight`: what is wrong with the card, empty when nothing.
+    std::string check_after_cut(size_t in_flight, const std::vector<Contents>& after) {
         std::string report;
         if (shell("fsck.fat -n " + image, &report) != 0) {
-            if (!only_benign(report)) {
+            if (!only_benign(report, {"/DATA.TXT", "/ERROR.TXT", "/APFLOG.TXT"})) {
                 return "fsck.fat -n finds damage:\n" + report.substr(0, 2000);
             }
-            repaired++;
+            benign++;
+            if (report.find("FATs differ") != std::string::npos) {
+                fats_differ++;
+            }
         }
-        // The other file, then the data file (which only the first append makes).
-        std::string back;
-        int status = shell("mtype -i " + image + " ::/ERROR.TXT && mtype -i " + image + " ::/" + data_name,
-                           &back, true);
-        if (back.compare(0, sizeof other_text - 1, other_text) != 0) {
-            return "the other file changed";
+        Contents now = read_files();
+        for (const char* f : files) {
+            if (!allowed(now[f], after[in_flight].at(f), after[in_flight + 1].at(f),
+                         g_steps[in_flight].several_appends)) {
+                return std::string(f) + " holds " + std::to_string(now[f].size()) +
+                       " bytes; the step in flight " + "took it from " +
+                       std::to_string(after[in_flight].at(f).size()) + " to " +
+                       std::to_string(after[in_flight + 1].at(f).size());
+            }
         }
-        back.erase(0, sizeof other_text - 1);
-        if (status != 0 && (in_flight > 0 || !back.empty())) {
-            return "mtype cannot read the data file";
+        // The next start-up repairs what the cut left, and the next append goes after what is there.
+        sim::test::Outcome o = sim::test::run(init);
+        if (!o.returned) {
+            return "the board did not start again";
         }
-        *found = back.size();
-        if (text.compare(0, back.size(), back) != 0) {
-            return "the data file differs from the lines appended";
+        g_returned = 0;
+        o = sim::test::run(g_steps[in_flight].run);
+        if (!o.returned) {
+            return "the next append did not return";
         }
-        if (back.size() < starts[in_flight] || back.size() > starts[in_flight + 1]) {
-            return std::to_string(back.size()) + " bytes in the data file; expected " +
-                   std::to_string(starts[in_flight]) + " to " + std::to_string(starts[in_flight + 1]);
+        if (shell("fsck.fat -n " + image, &report) != 0) {
+            return "after the next start and append, fsck.fat -n finds:\n" + report.substr(0, 2000);
+        }
+        Contents next = read_files();
+        for (const char* f : files) {
+            if (next[f].compare(0, now[f].size(), now[f]) != 0 && now[f] != "(none)") {
+                return std::string(f) + " lost text with the next append";
+            }
+        }
+        if (next == now) {
+            return "the next append wrote nothing";
         }
         return "";
     }
 
-    // One power-on period appending `lines` lines to a data file of whole lines up to `bytes` bytes
-    // (none: no file yet): the reference run, then a cut after each of its sector writes in turn.
-    void cut_period(const char* card, size_t bytes, int lines) {
-        int first = 0;
-        while (starts[first + 1] <= bytes) {
-            first++;
-        }
-        ASSERT_LE(first + lines, static_cast<int>(starts.size()) - 1);
-        ASSERT_NO_FATAL_FAILURE(prepare(first));
+    // One power-on period of `steps` from files of the given sizes: the reference run, then a cut
+    // after each of its sector writes in turn.
+    void cut_period(const Card& card, size_t data_bytes, size_t log_bytes, const std::vector<Step>& steps) {
         Snapshot start;
-        ASSERT_TRUE(take_snapshot(image, &start));
+        ASSERT_NO_FATAL_FAILURE(prepare(data_bytes, log_bytes, &start));
+        g_steps = steps;
 
-        ASSERT_NO_FATAL_FAILURE(boot());
-        g_first = first;
-        g_lines = lines;
-        g_returned = 0;
-        uint64_t before = sim::stats().sd_writes;
-        ASSERT_TRUE(sim::test::run(append_lines).returned);
-        uint64_t n = sim::stats().sd_writes - before;
-        EXPECT_EQ(sim::test::console_output(), ""); // no append reported an error
+        ASSERT_NO_FATAL_FAILURE(boot(start));
+        std::vector<Contents> after{read_files()};
+        uint64_t first_write = sim::stats().sd_writes;
+        for (const Step& s : steps) {
+            ASSERT_TRUE(sim::test::run(s.run).returned);
+            after.push_back(read_files());
+        }
+        uint64_t n = sim::stats().sd_writes - first_write;
         std::string report;
-        EXPECT_EQ(shell("fsck.fat -n " + image, &report), 0) << card << ", lines " << first << "+:\n"
+        ASSERT_EQ(shell("fsck.fat -n " + image, &report), 0) << card.name << ", from " << data_bytes << ":\n"
                                                              << report;
-        std::string back;
-        ASSERT_EQ(shell("mtype -i " + image + " ::/" + data_name, &back), 0) << back;
-        ASSERT_EQ(back, text.substr(0, starts[first + lines])) << card << ", lines " << first << "+";
+        EXPECT_EQ(after.back().at("OTHER.TXT"), after.front().at("OTHER.TXT"));
 
         for (uint64_t k = 1; k <= n; k++) {
-            ASSERT_TRUE(restore(start, image));
-            ASSERT_NO_FATAL_FAILURE(boot());
+            ASSERT_NO_FATAL_FAILURE(boot(start));
             g_returned = 0;
             sim::sd_cut_power_after_writes(k);
-            sim::test::Outcome o = sim::test::run(append_lines);
+            sim::test::Outcome o = sim::test::run(run_steps);
             sim::sd_cut_power_after_writes(0);
-            int line = first + g_returned;
             std::string failure = "the power was not cut";
-            size_t found = 0;
-            if (!o.returned && o.event == sim::PowerEvent::power_cycle) {
-                failure = check_after_cut(line, &found);
+            if (!o.returned && o.event == sim::PowerEvent::power_cycle && g_returned < steps.size()) {
+                failure = check_after_cut(g_returned, after);
             }
             tried++;
             if (failure.empty()) {
                 survived++;
-                in_flight[found == starts[line] ? 0 : found == starts[line + 1] ? 1 : 2]++;
             } else if (++reported <= 10) {
-                ADD_FAILURE() << card << ": appending lines " << first << " to " << first + lines - 1
-                              << ", cut after sector write " << k << " of " << n << " (in line " << line
-                              << "): " << failure;
+                ADD_FAILURE() << card.name << ", data file from " << data_bytes << " bytes, logs from "
+                              << log_bytes << ": cut after write " << k << " of " << n << " (in step "
+                              << g_returned << "): " << failure;
             }
         }
     }
 
-    // Adds the sizes of the data file at which its chain moves on to the next sectors of the FAT
-    // (the first `count` of them), from the cluster where a file copied onto the card starts.
-    void add_fat_sector_changes(int count, std::vector<size_t>* sizes) {
-        make_text(1);
-        ASSERT_NO_FATAL_FAILURE(prepare(1));
-        ASSERT_NO_FATAL_FAILURE(boot());
-        FIL f;
-        ASSERT_EQ(f_open(&f, data_name, FA_READ), FR_OK);
-        DWORD first = f.obj.sclust;
-        ASSERT_EQ(f_close(&f), FR_OK);
-        size_t cluster = g_sFatFs.csize * 512u;
-        DWORD per_sector = g_sFatFs.fs_type == FS_FAT32 ? 128 : 256;
-        for (int m = 1; m <= count; m++) {
-            sizes->push_back(((first / per_sector + m) * per_sector - first) * cluster);
-        }
+    void print_figures(const Card& card, double seconds) {
+        std::printf("[ figures  ] %s: cuts tried %llu, survived %llu (%llu left lost clusters, a chain too "
+                    "long or differing FATs; %llu differing FATs); %.1f s\n",
+                    card.name, static_cast<unsigned long long>(tried),
+                    static_cast<unsigned long long>(survived), static_cast<unsigned long long>(benign),
+                    static_cast<unsigned long long>(fats_differ), seconds);
+        EXPECT_EQ(survived, tried) << card.name;
     }
 
-    // A power-on period from each size of the data file, and from a little before each of the first
-    // two changes of FAT sector; the figures for the note.
-    void cut_everywhere(const char* card, int lines, std::vector<size_t> sizes) {
+    // Every writer, from sizes that put its appends at the start of a file, across a sector and a
+    // cluster boundary, and (in the sweep) at many more places.
+    void cut_everywhere(const Card& card) {
         auto t0 = std::chrono::steady_clock::now();
-        ASSERT_TRUE(take_snapshot(image, &blank));
-        std::vector<size_t> changes;
-        ASSERT_NO_FATAL_FAILURE(add_fat_sector_changes(2, &changes));
-        for (size_t change : changes) {
-            sizes.push_back(change - 1000);
+        ASSERT_NO_FATAL_FAILURE(format(card));
+        const std::vector<Step> samples = {
+            {sample, false}, {sample, false}, {sample, false}, {sample, false}};
+        const std::vector<Step> deploy = {{metadata_header, true}, {data_header, false}, {sample, false}};
+        const std::vector<Step> errors = {{log_error, false}, {log_error, false}, {log_error, false}};
+        const std::vector<Step> floats = {{float_sample, false}, {float_sample, false}};
+
+        std::vector<size_t> sizes = {0, 1900, 3950};
+        if (sweep()) {
+            sizes.clear();
+            for (size_t s = 0; s < 9000; s += 97) {
+                sizes.push_back(s);
+            }
         }
-        make_text(static_cast<int>(*std::max_element(sizes.begin(), sizes.end()) / 120) + lines + 1);
-        for (size_t bytes : sizes) {
-            ASSERT_NO_FATAL_FAILURE(cut_period(card, bytes, lines));
+        for (size_t s : sizes) {
+            ASSERT_NO_FATAL_FAILURE(cut_period(card, s, 0, samples));
         }
-        double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        std::printf(
-            "[ figures  ] %s: %zu power-on periods; cuts tried %llu, survived %llu (%llu with lost "
-            "clusters or a chain too long); line in flight absent %llu, whole %llu, partial %llu; %.1f s\n",
-            card, sizes.size(), static_cast<unsigned long long>(tried),
-            static_cast<unsigned long long>(survived), static_cast<unsigned long long>(repaired),
-            static_cast<unsigned long long>(in_flight[0]), static_cast<unsigned long long>(in_flight[1]),
-            static_cast<unsigned long long>(in_flight[2]), seconds);
-        RecordProperty("cuts_tried", std::to_string(tried));
-        RecordProperty("cuts_survived", std::to_string(survived));
-        EXPECT_GE(tried, 1000u);
-        EXPECT_EQ(survived, tried) << card << ": cuts that left the card or the data file damaged";
+        ASSERT_NO_FATAL_FAILURE(cut_period(card, 1000, 0, deploy));
+        ASSERT_NO_FATAL_FAILURE(cut_period(card, 1000, 0, errors));
+        ASSERT_NO_FATAL_FAILURE(cut_period(card, 1000, 1950, errors));
+        ASSERT_NO_FATAL_FAILURE(cut_period(card, 2000, 0, floats));
+        ASSERT_NO_FATAL_FAILURE(cut_period(card, 2000, 1500, floats));
+        if (sweep()) {
+            for (size_t s = 0; s < 6000; s += 250) {
+                ASSERT_NO_FATAL_FAILURE(cut_period(card, s, s, deploy));
+                ASSERT_NO_FATAL_FAILURE(cut_period(card, s, s, errors));
+                ASSERT_NO_FATAL_FAILURE(cut_period(card, s, s, floats));
+            }
+        }
+        print_figures(card, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
     }
 };
 
-// The card a new simulated board gets: 256 MiB, FAT32 made by the firmware's f_mkfs with one FAT and
-// 2 KiB clusters (a new sector of the FAT every 256 KiB of data file).
-TEST_F(PowerLoss, CutAfterEveryWriteOfAppendsToTheSimulatorsFat32Card) {
-    ASSERT_TRUE(sim::sd_make_image(image, 256ull << 20, FM_FAT32));
-    cut_everywhere("FAT32", 25,
-                   {0, 150, 1900, 4000, 6000, 10000, 16000, 30000, 50000, 80000, 130000, 200000, 300000,
-                    400000, 600000, 800000});
+// The card a new simulated board gets: FAT32 formatted by the firmware, one FAT, 2 KiB clusters.
+TEST_F(PowerCut, Fat32OneFat) {
+    cut_everywhere(Card{"FAT32, one FAT", ""});
 }
 
-// A card formatted on a PC: FAT16 with one FAT and 512-byte clusters, so that appends cross into
-// new clusters every few lines (and a new sector of the FAT every 128 KiB).
-TEST_F(PowerLoss, CutAfterEveryWriteOfAppendsToAFat16Card) {
-    std::string out;
-    ASSERT_EQ(shell("mkfs.fat -C -F 16 -f 1 -s 1 " + image + " 16384", &out), 0) << out;
-    cut_everywhere("FAT16", 23,
-                   {0, 150, 600, 1500, 2900, 4500, 8000, 12000, 20000, 33000, 50000, 80000, 160000, 200000,
-                    300000, 400000});
+// A PC's FAT32: two FATs, 512-byte clusters, so appends often take new clusters.
+TEST_F(PowerCut, Fat32TwoFats) {
+    cut_everywhere(Card{"FAT32, two FATs", "mkfs.fat -C -F 32 -s 1 IMG 65536 >/dev/null"});
+}
+
+TEST_F(PowerCut, Fat16OneFat) {
+    cut_everywhere(Card{"FAT16, one FAT", "mkfs.fat -C -F 16 -f 1 -s 1 IMG 16384 >/dev/null"});
+}
+
+TEST_F(PowerCut, Fat16TwoFats) {
+    cut_everywhere(Card{"FAT16, two FATs", "mkfs.fat -C -F 16 -s 2 IMG 16384 >/dev/null"});
 }
 
 } // namespace
