@@ -3,14 +3,14 @@
 // samples (and so of one sample), virtual milliseconds awake per scheduled sample in each build (the
 // difference is a timing fault in one of them when it passes 2 %), and the image's stack high-water
 // mark from --stats.
+#include "sim_stats.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,16 +28,7 @@ struct Period {
 
 std::vector<Period> read_stats(const std::string& path) {
     std::vector<Period> periods;
-    std::ifstream in(path);
-    std::string line;
-    std::getline(in, line); // header
-    while (std::getline(in, line)) {
-        std::vector<std::string> f;
-        std::stringstream ss(line);
-        std::string field;
-        while (std::getline(ss, field, ',')) {
-            f.push_back(field);
-        }
+    for (const std::vector<std::string>& f : read_stats_rows(path)) {
         if (f.size() >= 3) {
             double stack = f.size() >= 7 && !f[6].empty() ? std::atof(f[6].c_str()) : 0.0;
             periods.push_back(Period{f[1], std::atof(f[2].c_str()), stack});

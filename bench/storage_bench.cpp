@@ -6,6 +6,7 @@
 // appends one more day (96 lines) and reports the mean per line.
 #include "sim_test.h"
 
+#include "board/i2c0.h"
 #include "board/pinmux.h"
 #include "core/system.h"
 #include "driverlib/interrupt.h"
@@ -34,6 +35,7 @@ void start_board(void) {
     SysTickIntEnable();
     SysTickEnable();
     IntMasterEnable();
+    i2c0_init(0);
 }
 
 // A data line of the usual width (about 150 bytes): time, sample number, pH, temperature, the
