@@ -113,7 +113,7 @@ struct Session {
     bool failed;         // a write failed: nothing more goes in, and close takes the session back
     bool journaled;      // the journal in FRAM holds this session's plan
     bool volume_checked; // the full-card memory was consulted
-    bool rescanned;      // a search of the whole FAT was forced once
+    bool assumed_full;   // and said full: no search was made
     FRESULT write_error;
     TailSlot slot;
     uint32_t start; // the file's size at its last commit
@@ -240,36 +240,38 @@ bool needs_cluster(uint32_t len) {
     return pos % bcs == 0 || pos % bcs + len > bcs;
 }
 
-// A volume remembered as full is not searched again (FSInfo may still say otherwise: it is only a
-// hint) until space appears or a day has passed.
+// A volume remembered as full is not searched again until space appears or a day has passed. A count
+// of 0 in FSInfo that this board did not find itself (a PC wrote it) is looked into once: FSInfo is
+// only a hint.
 void consult_full_memory(void) {
     g_session.volume_checked = true;
     const FFTAIL& t = g_plan.tail;
     if (!load_record(VOLUME_ADDR, &g_volume) || !same_volume(g_volume, t)) {
         g_volume = VolumeRecord{t.vol_id, 0, 0, 0};
-        return;
-    }
-    if (g_volume.full == 0) {
-        return;
     }
     uint32_t hint = f_free_hint();
+    if (g_volume.full == 0) {
+        if (hint == 0) {
+            f_set_free_hint(0xFFFFFFFF);
+        }
+        return;
+    }
     bool space_appeared = hint != 0 && hint != 0xFFFFFFFF;
     if (space_appeared || HibernateRTCGet() - g_volume.scanned_at >= FULL_RESCAN_S) {
         f_set_free_hint(0xFFFFFFFF);
-        g_session.rescanned = true;
         return;
     }
     f_set_free_hint(0);
+    g_session.assumed_full = true;
 }
 
-void remember_full(bool full, bool searched) {
-    if (g_volume.full == (full ? 1u : 0u) && !(full && searched)) {
+// Full: a search of the whole FAT found no free cluster, now.
+void remember_full(bool full) {
+    if (!full && g_volume.full == 0) {
         return;
     }
     g_volume.full = full ? 1 : 0;
-    if (searched) {
-        g_volume.scanned_at = HibernateRTCGet();
-    }
+    g_volume.scanned_at = HibernateRTCGet();
     store_record(VOLUME_ADDR, &g_volume);
 }
 
@@ -286,16 +288,11 @@ FRESULT plan_write(uint32_t len) {
             fr = f_plan_tail(&g_file, len, &g_plan);
         }
     }
-    if (fr == FR_DENIED && !g_session.rescanned && g_volume.full == 0) {
-        // A count of 0 that this board did not find (FSInfo written elsewhere) is looked into once.
-        g_session.rescanned = true;
-        f_set_free_hint(0xFFFFFFFF);
-        fr = f_plan_tail(&g_file, len, &g_plan);
-    }
-    if (fr == FR_DENIED) {
-        remember_full(true, g_session.rescanned);
+    // A write refused while some clusters are free (fewer than it needs) does not make the card full.
+    if (fr == FR_DENIED && !g_session.assumed_full && f_free_hint() == 0) {
+        remember_full(true);
     } else if (fr == FR_OK && growing && g_session.volume_checked) {
-        remember_full(false, false);
+        remember_full(false);
     }
     return fr;
 }

@@ -22,6 +22,13 @@
 
 namespace {
 
+// Built against a user's upstream FatFs, a full card is searched at every wake (FatFs's own way).
+#ifdef HXC3_FATFS_UPSTREAM
+constexpr bool our_module = false;
+#else
+constexpr bool our_module = true;
+#endif
+
 void start_board(void) {
     test_board::start_clocks();
 }
@@ -157,6 +164,9 @@ TEST_F(SdAppend, AFullCardRefusesWholeLinesAndIsNotSearchedAtEveryWake) {
     EXPECT_EQ(card_file("DATA.TXT"), data); // whole lines only
     EXPECT_TRUE(fsck_clean());
 
+    if (!our_module) {
+        return;
+    }
     // Remembered: the next wakes read a few sectors, not the 64 of the FAT.
     EXPECT_LT(wake(lines(n, 1, 'B')), 8u);
     EXPECT_EQ(console(), "f_write error: card full\r\n");

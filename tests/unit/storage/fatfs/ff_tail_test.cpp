@@ -17,7 +17,12 @@
 
 namespace {
 
-using test_board::run_shell;
+// The tail calls are our module's own; built against a user's upstream FatFs they only walk.
+#ifdef HXC3_FATFS_UPSTREAM
+constexpr bool our_module = false;
+#else
+constexpr bool our_module = true;
+#endif
 
 void start_board(void) {
     test_board::start_clocks();
@@ -39,6 +44,9 @@ class FfTail : public ::testing::Test {
     FIL f{};
 
     void SetUp() override {
+        if (!our_module) {
+            GTEST_SKIP() << "upstream FatFs has no tail calls of its own";
+        }
         sim::test::reset_board();
         ASSERT_TRUE(sim::test::run(start_board).returned);
         image = test_board::make_blank_card("fftail", 0);
