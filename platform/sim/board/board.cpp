@@ -260,6 +260,9 @@ std::string scenario_template() {
 # The next N hibernation requests fail to cut the power (the firmware's recovery path runs).
 # hibernate.fail = 0
 
+# The power fails as the Nth sector write from now reaches the card (once; 0: never).
+# card.cut_after_writes = 0
+
 # The load current the INA260 reports (A); the housing sensor's chip id (96 = 0x60, a BME280;
 # another value is a different chip, 0 none fitted); 0 for an INA260 or PCAL6416 not fitted.
 # board.amps = 0.05

@@ -551,11 +551,26 @@ class Card final : public SpiDevice {
             return;
         }
         stats().sd_writes++;
-        if (g_cut_after != 0 && --g_cut_after == 0) {
+        if ((g_cut_after != 0 && --g_cut_after == 0) || scripted_cut_due()) {
             power_off(PowerEvent::power_cycle);
         }
         out_.push_back(response_accepted);
         busy_until_ = now_ns() + program_ns;
+    }
+
+    // The scenario's card.cut_after_writes = k cuts the power as the k-th sector write from then on
+    // reaches the card, once (the count lives with the scenario, so it runs on across power-on
+    // periods until it is spent).
+    static bool scripted_cut_due() {
+        double left = scenario_num("card.cut_after_writes", 0);
+        if (left < 1) {
+            return false;
+        }
+        left -= 1;
+        char text[24];
+        std::snprintf(text, sizeof text, "%.0f", left);
+        scenario_set("card.cut_after_writes", text);
+        return left < 1;
     }
 
     void record(uint8_t index, uint32_t arg, bool app) {
