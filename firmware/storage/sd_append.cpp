@@ -433,12 +433,14 @@ FRESULT sd_append_close(void) {
     if (fr == FR_OK) {
         fr = closed;
     }
+    // A journal still in flight stays for the repair, with the end it was planned from; otherwise it
+    // goes before the new end is remembered (never a new end beside an old plan).
     if (fr == FR_OK && g_session.journaled) {
-        clear_journal(); // otherwise it stays, for the repair
+        clear_journal();
     }
-    if (known) {
+    if (known && fr == FR_OK) {
         remember_tail(g_session.slot, t);
-    } else {
+    } else if (!g_session.journaled) {
         forget_tail(g_session.slot);
     }
     end_session();
