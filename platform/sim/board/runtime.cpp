@@ -120,18 +120,21 @@ void world_step(uint64_t now) {
     }
 }
 
-uint64_t next_event_time() {
+// The next event of any kind; *device is the devices' own, which run_due_events takes as it is
+// (nothing runs between the two).
+uint64_t next_event_time(uint64_t* device) {
     Core& c = g_core;
     uint64_t t = world_next();
     if (c.systick_enabled) {
         t = std::min(t, c.systick_next_ns);
     }
-    t = std::min(t, devices_next_event_ns());
+    *device = devices_next_event_ns();
+    t = std::min(t, *device);
     t = std::min(t, watchdog_deadline_ns());
     return t;
 }
 
-void run_due_events() {
+void run_due_events(uint64_t device) {
     Core& c = g_core;
     uint64_t now = shared().now_ns;
     if (c.systick_enabled && c.systick_next_ns <= now) {
@@ -140,7 +143,7 @@ void run_due_events() {
             set_pending(systick_vector, true);
         }
     }
-    if (devices_next_event_ns() <= now) {
+    if (device <= now) {
         devices_service(now);
     }
     if (watchdog_deadline_ns() <= now) {
@@ -309,7 +312,8 @@ void advance_ns(uint64_t ns) {
     uint64_t stuck_at = s.now_ns;
     uint32_t same_time = 0;
     for (;;) {
-        uint64_t t = next_event_time();
+        uint64_t device = 0;
+        uint64_t t = next_event_time(&device);
         if (t > target) {
             break;
         }
@@ -326,7 +330,7 @@ void advance_ns(uint64_t ns) {
             stuck_at = s.now_ns;
             same_time = 0;
         }
-        run_due_events();
+        run_due_events(device);
         dispatch_interrupts();
     }
     s.now_ns = target;
@@ -419,13 +423,15 @@ void wait_for_interrupt() {
     uint64_t before = c.handlers_run;
     while ((c.pending & c.enabled).none() && c.handlers_run == before) {
         uint64_t now = shared().now_ns;
-        uint64_t t = next_event_time();
+        uint64_t device = 0;
+        uint64_t t = next_event_time(&device);
         advance_ns(t > now && t != never ? t - now : ns_per_ms);
     }
 }
 
 uint64_t next_event_ns() {
-    return next_event_time();
+    uint64_t device = 0;
+    return next_event_time(&device);
 }
 
 // The emulated processor runs at the clock its registers select; the host build's processor always
@@ -507,7 +513,12 @@ bool scenario_set(const std::string& key, const std::string& value) {
         std::strcpy(e->key, key.c_str());
     }
     std::strcpy(e->value, value.c_str());
+    sc.changes++;
     return true;
+}
+
+uint32_t scenario_changes() {
+    return shared().scenario.changes;
 }
 
 void scenario_apply(const std::string& key) {

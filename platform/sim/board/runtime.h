@@ -28,6 +28,7 @@ struct ScenarioEntry {
 };
 struct Scenario {
     int count;
+    uint32_t changes; // grows with every value set: what is computed from the scenario can be kept until then
     ScenarioEntry entries[scenario_max];
 };
 // Sets or replaces a value (keys and values that do not fit are refused with false).

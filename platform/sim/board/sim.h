@@ -58,6 +58,8 @@ const std::string& board_dir();
 // Scenario values (scenario.ini, changed by the script's `set`). Missing keys read as the default;
 // a value that is not a number reads as the default in scenario_num.
 double scenario_num(const std::string& key, double dflt);
+// How many values have been set since the board was new (0: the scenario is empty, all defaults).
+uint32_t scenario_changes();
 std::string scenario_str(const std::string& key, const std::string& dflt);
 // The microSD slot: scenario_str("card", "present") says what is in it now; this counter grows at
 // every removal and insertion, so the card model can tell that a card was swapped.

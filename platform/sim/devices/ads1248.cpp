@@ -139,6 +139,8 @@ class Ads1248 : public SpiDevice {
   private:
     enum class Parse { command, rreg_count, wreg_count, wreg_data };
 
+    bool synced_ = false;
+    uint8_t synced_levels_ = 0;
     bool powered_ = false;
     bool in_reset_ = true;
     bool start_ = false;
@@ -189,9 +191,19 @@ class Ads1248 : public SpiDevice {
 
     // Follows the power, START and reset lines as the firmware drives them. Power and reset both
     // bring the registers back to their reset values; conversions begin once the converter is
-    // powered, out of reset and START is high.
+    // powered, out of reset and START is high. Nothing changes while the lines stay as they were
+    // (the converter's own state moves only with its commands and conversions), and every event
+    // time of the board asks, so that case returns at once.
     void sync() {
+        if (!synced_ || gpio_pad_levels(port_e) != synced_levels_) {
+            follow_pins();
+        }
+    }
+
+    void follow_pins() {
         uint8_t levels = gpio_pad_levels(port_e);
+        synced_ = true;
+        synced_levels_ = levels;
         bool powered = (levels & pwr_pin) != 0;
         bool in_reset = (levels & reset_pin) == 0;
         bool start = (levels & start_pin) != 0;

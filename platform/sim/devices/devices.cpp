@@ -171,16 +171,29 @@ uint64_t ahead(uint64_t t) {
 } // namespace
 
 uint64_t devices_next_event_ns() {
-    return std::min({dev::uart_next_event_ns(), dev::ssi_next_event_ns(), dev::ads1248_next_event_ns(),
-                     dev::sbe37_next_event_ns(), ahead(dev::i2c_next_event_ns()),
-                     ahead(dev::eeprom_next_event_ns())});
+    uint64_t t = dev::uart_next_event_ns();
+    t = std::min(t, dev::ssi_next_event_ns());
+    t = std::min(t, dev::ads1248_next_event_ns());
+    t = std::min(t, dev::sbe37_next_event_ns());
+    t = std::min(t, ahead(dev::i2c_next_event_ns()));
+    return std::min(t, ahead(dev::eeprom_next_event_ns()));
 }
 
+// Only the devices whose own event is due: a byte of the card's frame ending need not look at every
+// UART.
 void devices_service(uint64_t now_ns) {
-    dev::uart_service(now_ns);
-    dev::ssi_service(now_ns);
-    dev::ads1248_service(now_ns);
-    dev::sbe37_service(now_ns);
+    if (dev::uart_next_event_ns() <= now_ns) {
+        dev::uart_service(now_ns);
+    }
+    if (dev::ssi_next_event_ns() <= now_ns) {
+        dev::ssi_service(now_ns);
+    }
+    if (dev::ads1248_next_event_ns() <= now_ns) {
+        dev::ads1248_service(now_ns);
+    }
+    if (dev::sbe37_next_event_ns() <= now_ns) {
+        dev::sbe37_service(now_ns);
+    }
 }
 
 } // namespace sim

@@ -245,9 +245,8 @@ void service_module(int i, uint64_t now) {
     }
 }
 
-// The API door: an unclocked module is a bus fault, as its registers would be.
-Ssi* module_of(uint32_t base, int* index) {
-    access(access_cycles);
+// The API door without its access time (the caller spends it).
+Ssi* module_at(uint32_t base, int* index) {
     int i = module_index(base);
     if (i < 0) {
         return nullptr;
@@ -255,6 +254,12 @@ Ssi* module_of(uint32_t base, int* index) {
     require_clock(SYSCTL_PERIPH_SSI0 + static_cast<uint32_t>(i), names[i], base);
     *index = i;
     return &ssis[i];
+}
+
+// The API door: an unclocked module is a bus fault, as its registers would be.
+Ssi* module_of(uint32_t base, int* index) {
+    access(access_cycles);
+    return module_at(base, index);
 }
 
 // Inside an interrupt handler virtual time stands still, so a blocking call cannot wait for the
@@ -538,10 +543,17 @@ int32_t SSIDataPutNonBlocking(uint32_t ui32Base, uint32_t ui32Data) {
 
 void SSIDataGet(uint32_t ui32Base, uint32_t* pui32Data) {
     int i = 0;
-    Ssi* s = module_of(ui32Base, &i);
+    Ssi* s = module_at(ui32Base, &i);
     if (!s) {
         return;
     }
+    // The read's own access time and the wait for the frame still shifting overlap: one step of
+    // virtual time covers both (a byte of the card costs two steps, not three).
+    uint64_t ready = sim::now_ns() + access_cycles * sim::ns_per_cycle;
+    if (s->rx.count == 0 && s->shifting && s->done_ns > ready) {
+        ready = s->done_ns;
+    }
+    wait_for(ready, idle_step_ns);
     while (s->rx.count == 0) {
         if (!wait_for(s->shifting ? s->done_ns : UINT64_MAX, idle_step_ns) && !hurry(i)) {
             *pui32Data = 0xFF;
@@ -561,10 +573,17 @@ int32_t SSIDataGetNonBlocking(uint32_t ui32Base, uint32_t* pui32Data) {
     return 1;
 }
 
+// A polling loop would only spin until the frame on the wire ends: time runs on to its end at once.
 bool SSIBusy(uint32_t ui32Base) {
     int i = 0;
     Ssi* s = module_of(ui32Base, &i);
-    return s && (status(*s) & SSI_SR_BSY) != 0;
+    if (!s) {
+        return false;
+    }
+    if (s->shifting && s->done_ns > sim::now_ns()) {
+        wait_for(s->done_ns, idle_step_ns);
+    }
+    return (status(*s) & SSI_SR_BSY) != 0;
 }
 
 void SSIClockSourceSet(uint32_t ui32Base, uint32_t ui32Source) {

@@ -47,10 +47,16 @@ uint32_t divided_hz(uint32_t config, uint32_t base_hz, bool pll) {
     return base_hz;
 }
 
+// Every register access asks whether its peripheral is clocked, mostly the same one as last time.
 int find_periph(uint32_t periph) {
     Core& c = core();
+    static int last = 0;
+    if (last < c.periph_count && c.periph_enabled[last] == periph) {
+        return last;
+    }
     for (int i = 0; i < c.periph_count; ++i) {
         if (c.periph_enabled[i] == periph) {
+            last = i;
             return i;
         }
     }
