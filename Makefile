@@ -1,5 +1,5 @@
 # Thin front end over the CMake presets. See README.md.
-.PHONY: run test target flash bench powercut host host-release deps clean
+.PHONY: run test target flash bench powercut soak host host-release deps clean
 
 run:
 	cmake --preset host >/dev/null
@@ -27,6 +27,13 @@ bench: host-release target
 # The power-cut test from every starting size of its files (make test runs a slice of them).
 powercut: host
 	HXC3_POWERCUT_SWEEP=1 ./build/host/tests/hxc3_unit_tests --gtest_filter='PowerCut.*'
+
+# A year at sea (35,040 samples at 900 s) with key wakes, card removals and power cuts at a fixed
+# seed, in the release simulator; make test runs a day of it.
+soak:
+	cmake --preset host-release >/dev/null
+	cmake --build --preset host-release --target hxc3-sim
+	python3 tests/soak/soak.py --sim build/host-release/hxc3-sim --days 365
 
 host:
 	cmake --preset host >/dev/null
