@@ -49,6 +49,11 @@ constexpr uint32_t IDLE_PAUSE_COUNTS = 1667;
 // Longest received name kept (the rest is dropped); 8.3 names on the card.
 constexpr uint32_t NAME_MAX = 63;
 constexpr uint32_t CARD_NAME_SIZE = 14; // "/" + 8 + "." + 3 + NUL
+// A received file is written here and takes its name only once it has arrived whole, so that a
+// transfer that fails never costs the file it was to replace.
+constexpr char RECEIVE_PATH[] = "/~YMODEM.TMP";
+// The longest extension a shortened name keeps ("." included).
+constexpr size_t EXT_KEEP = 8;
 
 // One block as it travels (start byte, number, complement, data, CRC), for both directions: one
 // transfer runs at a time.
@@ -295,11 +300,20 @@ void parse_header(RxFile& f, uint32_t block_size) {
         }
     }
     size_t keep = static_cast<size_t>(text + name_len - name);
+    // A name too long to keep keeps its start and its extension, which says what the file is.
+    size_t ext = 0;
     if (keep > NAME_MAX) {
-        keep = NAME_MAX;
+        for (size_t i = keep; i > 0 && keep - i < EXT_KEEP; i--) {
+            if (name[i - 1] == '.') {
+                ext = keep - (i - 1);
+                break;
+            }
+        }
     }
-    memcpy(f.name, name, keep);
-    f.name[keep] = '\0';
+    size_t head = keep > NAME_MAX ? NAME_MAX - ext : keep;
+    memcpy(f.name, name, head);
+    memcpy(f.name + head, name + keep - ext, ext);
+    f.name[head + ext] = '\0';
     const char* p = text + name_len + 1;
     const char* end = text + block_size;
     uint64_t size = 0;
@@ -330,8 +344,7 @@ bool open_file(RxFile& f) {
         return true;
     }
     card_path_of(f.name, f.path);
-    FRESULT fr = open_card_file(f.path, FA_WRITE | FA_CREATE_ALWAYS);
-    sd_append_space_freed(); // a file of that name was emptied, if there was one
+    FRESULT fr = open_card_file(RECEIVE_PATH, FA_WRITE | FA_CREATE_ALWAYS);
     if (fr != FR_OK) {
         snprintf(failure_text, sizeof failure_text, "f_open error: %s", StringFromFresult(fr));
         return false;
@@ -372,20 +385,35 @@ bool store_block(RxFile& f, uint32_t len) {
     return true;
 }
 
-// Closes the card file; a file that did not arrive whole is removed.
+// Closes the card file. One that arrived whole replaces the file of its name; one that did not is
+// removed, and the file it was to replace stays as it was.
 bool close_file(RxFile& f, bool whole) {
     if (!f.on_card) {
         return true;
     }
     f.on_card = false;
     FRESULT fr = close_card_file();
-    if (!whole) {
-        f_unlink(f.path);
+    if (!whole || fr != FR_OK) {
+        f_unlink(RECEIVE_PATH);
         sd_append_space_freed();
+        if (fr != FR_OK) {
+            snprintf(failure_text, sizeof failure_text, "f_close error: %s", StringFromFresult(fr));
+        }
         return false;
     }
+    if (strcmp(f.path, RECEIVE_PATH) == 0) {
+        return true;
+    }
+    fr = f_unlink(f.path);
+    if (fr == FR_OK) {
+        sd_append_space_freed();
+    }
+    if (fr == FR_OK || fr == FR_NO_FILE) {
+        fr = f_rename(RECEIVE_PATH, f.path);
+    }
     if (fr != FR_OK) {
-        snprintf(failure_text, sizeof failure_text, "f_close error: %s", StringFromFresult(fr));
+        snprintf(failure_text, sizeof failure_text, "%s could not replace %s: %s", RECEIVE_PATH + 1, f.path + 1,
+                 StringFromFresult(fr));
         return false;
     }
     return true;

@@ -259,6 +259,36 @@ TEST_F(YModem, BatchOfTwoFilesInLongAndShortBlocksLandsOnTheCardCutToTheirSizes)
     f_unmount("");
     EXPECT_EQ(card_file("DATA.BIN"), first);
     EXPECT_EQ(card_file("RUN_LOG_.CSV"), second);
+    EXPECT_EQ(card_file("~YMODEM.TMP"), "<missing>");
+}
+
+// A name too long to keep keeps its extension: a long-named calibration file is still loaded, and
+// a file that arrives whole replaces the one of its name.
+TEST_F(YModem, ALongNameKeepsItsExtensionAndAWholeFileReplacesItsNamesake) {
+    put_file("REPLACED.TXT", "old text\r\n");
+    const std::string cal = cal_text;
+    const std::string long_name = std::string(70, 'f') + ".cal";
+    Peer peer;
+    peer.open(long_name, cal.size())
+        .send(block(1, cal.substr(0, 128), 128))
+        .expect(ACK)
+        .send(block(2, cal.substr(128), 1024))
+        .expect(ACK)
+        .close_file()
+        .open("replaced.txt", 9)
+        .send(block(1, "new text\n", 128))
+        .expect(ACK)
+        .close_file()
+        .end_batch();
+    peer.start();
+    EXPECT_GT(receive(YMODEM_TO_CARD), 0);
+    EXPECT_TRUE(peer.done());
+    std::string o = out();
+    EXPECT_NE(o.find("calibration loaded"), std::string::npos) << o;
+    EXPECT_FLOAT_EQ(sys_data.k0_HCL, -1.4025f);
+    f_unmount("");
+    EXPECT_EQ(card_file("FFFFFFFF.CAL"), cal);
+    EXPECT_EQ(card_file("REPLACED.TXT"), "new text\n");
 }
 
 TEST_F(YModem, DamagedRepeatedAndCutBlocksAreAskedForAgainAndKeptOnce) {
@@ -294,7 +324,9 @@ TEST_F(YModem, DamagedRepeatedAndCutBlocksAreAskedForAgainAndKeptOnce) {
 
 // ---------------------------------------------------------------- ending early
 
+// A file the transfer was to replace stays as it was, and nothing of the transfer stays behind.
 TEST_F(YModem, SenderCancellingLeavesNoPartialFileAndAResponsiveConsole) {
+    put_file("PART.BIN", "the file before\r\n");
     Peer peer;
     peer.open("PART.BIN", 2048).send(block(1, binary(1024, 1), 1024)).expect(ACK).send(CAN2);
     peer.start();
@@ -303,7 +335,9 @@ TEST_F(YModem, SenderCancellingLeavesNoPartialFileAndAResponsiveConsole) {
     EXPECT_TRUE(peer.done());
     EXPECT_NE(out().find("\r\nymodem: cancelled\r\n"), std::string::npos);
     f_unmount("");
-    EXPECT_EQ(card_file("PART.BIN"), "<missing>");
+    EXPECT_EQ(card_file("PART.BIN"), "the file before\r\n");
+    EXPECT_EQ(card_file("~YMODEM.TMP"), "<missing>");
+    ASSERT_EQ(system(("MTOOLS_SKIP_CHECK=1 mdel -i " + image + " ::/PART.BIN").c_str()), 0);
     expect_console_responsive();
 
     SCOPED_TRACE("CANs inside a block that then stops, as lrzsz cancels");
