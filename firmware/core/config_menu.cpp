@@ -196,22 +196,6 @@ bool valid_alignment(uint32_t period, uint32_t aligned) {
     return aligned == 0 || (period != 0 && MAX_PERIOD_S % period == 0);
 }
 
-// An 8.3 name: up to eight characters, optionally a dot and up to three more, no path.
-bool valid_8_3(const char* name) {
-    const char* dot = strchr(name, '.');
-    size_t base = dot != nullptr ? static_cast<size_t>(dot - name) : strlen(name);
-    size_t ext = dot != nullptr ? strlen(dot + 1) : 0;
-    if (base == 0 || base > 8 || ext > 3 || (dot != nullptr && strchr(dot + 1, '.') != nullptr)) {
-        return false;
-    }
-    for (const char* p = name; *p != '\0'; p++) {
-        if (*p <= ' ' || *p > '~' || strchr("\"*/:<>?\\|+,;=[]", *p) != nullptr) {
-            return false;
-        }
-    }
-    return true;
-}
-
 void show_u32(uint32_t v) {
     uprintf("%lu", static_cast<unsigned long>(v));
 }
@@ -430,7 +414,7 @@ void edit_file_name(void) {
     if (menu_read_line(name, sizeof name) <= 0) {
         return;
     }
-    if (!valid_8_3(name)) {
+    if (!valid_8_3_name(name)) {
         uprintf("\r\nfilename is too long, needs to be 8.3 format\r\n");
         return;
     }
@@ -921,7 +905,7 @@ uint32_t fix_texts(systemData& d, const systemData& f) {
     n += fix_text(d.package_fab_note, f.package_fab_note, sizeof d.package_fab_note);
     n += fix_text(d.deploy_note, f.deploy_note, sizeof d.deploy_note);
     if (fix_text(d.fileName, f.fileName, sizeof d.fileName) != 0 ||
-        !valid_8_3(reinterpret_cast<const char*>(d.fileName))) {
+        !valid_8_3_name(reinterpret_cast<const char*>(d.fileName))) {
         memcpy(d.fileName, f.fileName, sizeof d.fileName);
         n++;
     }

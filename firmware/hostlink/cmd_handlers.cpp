@@ -12,6 +12,7 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "storage/config.h"
+#include "storage/microsd.h"
 
 #include "driverlib/hibernate.h"
 
@@ -40,11 +41,6 @@ const char* line() {
 
 size_t line_len() {
     return strlen(line());
-}
-
-// The byte at a line position, NUL beyond the end of the line (the buffer may hold older bytes there).
-char line_at(size_t pos) {
-    return pos < line_len() ? line()[pos] : '\0';
 }
 
 bool switch_on(uint8_t arg) {
@@ -388,6 +384,15 @@ void cmd_set_filename(void) {
         uprintf("filename is too long, needs to be 8.3 format\r\n");
         return;
     }
+    // A name the card would refuse would make every later sample fail to be written.
+    char name[max_filename_len + 1];
+    memcpy(name, p, len);
+    name[len] = '\0';
+    if (!valid_8_3_name(name)) {
+        uprintf("filename %s is not an 8.3 name (letters, digits and !#$%%&'()-@^_`{}~), not changed\r\n",
+                name);
+        return;
+    }
     memset(sys_data.fileName, 0, sizeof sys_data.fileName);
     memcpy(sys_data.fileName, p, len);
     save();
@@ -436,9 +441,33 @@ void cmd_help_config(void) {
 }
 
 // "store 1" or "microsd 1": the digit sits right after the word and its blank.
+// Logging is switched only by a clear 0 or 1 (or off, on) after the word, with blanks or a comma
+// between: a slip of the keyboard or noise on the line must not stop a deployment's logging.
 void cmd_set_store(void) {
-    bool on = line_at(6) == '1' || line_at(8) == '1';
-    sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = on ? 1 : 0;
+    const char* p = line() + (strncmp(line(), "microsd", 7) == 0 ? 7 : 5);
+    while (*p == ' ' || *p == ',') {
+        p++;
+    }
+    size_t len = 0;
+    while (p[len] > ' ') {
+        len++;
+    }
+    const char* rest = p + len;
+    while (*rest == ' ') {
+        rest++;
+    }
+    int on = -1;
+    if (*rest == '\0' && ((len == 1 && *p == '1') || (len == 2 && strncmp(p, "on", 2) == 0))) {
+        on = 1;
+    } else if (*rest == '\0' && ((len == 1 && *p == '0') || (len == 3 && strncmp(p, "off", 3) == 0))) {
+        on = 0;
+    }
+    if (on < 0) {
+        uprintf("store takes 0 or 1 (off or on); card logging stays %s\r\n",
+                sys_data.app_cfg[APPCFG_MICROSD_ENABLE] != 0 ? "on" : "off");
+        return;
+    }
+    sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = static_cast<unsigned char>(on);
     save();
 }
 

@@ -113,6 +113,21 @@ FRESULT sd_fprintf(FIL* fil, const char* format, ...) {
     return fr;
 }
 
+bool valid_8_3_name(const char* name) {
+    const char* dot = std::strchr(name, '.');
+    size_t base = dot != nullptr ? static_cast<size_t>(dot - name) : std::strlen(name);
+    size_t ext = dot != nullptr ? std::strlen(dot + 1) : 0;
+    if (base == 0 || base > 8 || ext > 3 || (dot != nullptr && std::strchr(dot + 1, '.') != nullptr)) {
+        return false;
+    }
+    for (const char* p = name; *p != '\0'; p++) {
+        if (*p <= ' ' || *p > '~' || std::strchr("\"*/:<>?\\|+,;=[]", *p) != nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
 const char* StringFromFresult(FRESULT fr) {
     for (const FresultName& entry : fresult_names) {
         if (entry.code == fr) {

@@ -30,5 +30,8 @@ void appendBufferToSDCard(const char* buffer);
 // characters). Returns the f_write result; a failure is also reported on the console.
 constexpr uint32_t sd_fprintf_max = 512;
 FRESULT sd_fprintf(FIL* fil, const char* format, ...) __attribute__((format(printf, 2, 3)));
+// A file name the card takes as it stands: up to eight characters, optionally a dot and up to three
+// more, none of them blank, a path separator, a wildcard or another character FAT refuses.
+bool valid_8_3_name(const char* name);
 // The result's enumerator name ("FR_NOT_READY"), or "UNKNOWN ERROR CODE".
 const char* StringFromFresult(FRESULT fr);

@@ -230,6 +230,13 @@ TEST_F(CmdHandlers, FileName) {
     EXPECT_EQ(on_line("setfilename abcdefghi.txt", cmd_set_filename),
               "filename is too long, needs to be 8.3 format\r\n");
     EXPECT_EQ(on_line("setfilename", cmd_set_filename), "NAK\r\n");
+    // Names the card would refuse are refused here, before every sample fails to be written.
+    for (const char* bad :
+         {"filename a*b?.txt", "filename a/b", "filename data.text", "filename a.b.c", "filename ab:c.txt"}) {
+        std::string said = on_line(bad, cmd_set_filename);
+        EXPECT_NE(said.find("is not an 8.3 name"), std::string::npos) << bad << ": " << said;
+        EXPECT_EQ(file_name(), "log.csv") << bad;
+    }
     retrieveSysDataVariables();
     EXPECT_EQ(file_name(), "log.csv");
 }
@@ -268,12 +275,26 @@ TEST_F(CmdHandlers, ConfigPresets) {
 }
 
 // "store 1" and "microsd 1" switch card logging; reading the switch turns it on in memory only.
+// Only a clear 0 or 1 (or off, on) switches it: noise on the line leaves logging as it was.
 TEST_F(CmdHandlers, StoreSwitchAndTheReadingQuirk) {
     on_line("store 1", cmd_set_store);
     EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 1);
     on_line("microsd 0", cmd_set_store);
     EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 0);
     on_line("microsd 1", cmd_set_store);
+    EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 1);
+    // A clear value in other spellings is taken; anything else is refused and changes nothing.
+    for (const char* off : {"store  0", "store,0", "microsd off", "store 0 "}) {
+        sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 1;
+        EXPECT_EQ(on_line(off, cmd_set_store), "") << off;
+        EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 0) << off;
+    }
+    for (const char* noise : {"store  1x", "store x", "microsd o", "store 10", "store 1 0", "store 2"}) {
+        EXPECT_EQ(on_line(noise, cmd_set_store), "store takes 0 or 1 (off or on); card logging stays off\r\n")
+            << noise;
+        EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 0) << noise;
+    }
+    EXPECT_EQ(on_line("microsd on", cmd_set_store), "");
     EXPECT_EQ(sys_data.app_cfg[APPCFG_MICROSD_ENABLE], 1);
     on_line("store 0", cmd_set_store);
     EXPECT_EQ(printed(cmd_get_store), "0");
