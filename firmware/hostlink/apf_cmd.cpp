@@ -220,12 +220,24 @@ void apf_get_mode(void) {
 }
 
 // "rtc,n": at most ten digits, from position 4.
+// "rtc,<seconds>": only a whole number of seconds that fits the clock sets it; anything else (no
+// number, a sign, letters, more than 32 bits) is refused and the clock runs on untouched.
 void apf_set_rtc(void) {
     char text[15];
     memcpy(text, rx0.buf, 14);
     text[14] = '\0';
-    uint32_t value = static_cast<uint32_t>(strtoul(text + 4, nullptr, 10));
-    HibernateRTCSet(value);
+    const char* digits = text + 4;
+    size_t n = 0;
+    uint64_t value = 0;
+    while (digits[n] >= '0' && digits[n] <= '9') {
+        value = value * 10 + static_cast<uint64_t>(digits[n] - '0');
+        n++;
+    }
+    if (text[3] != ',' || n == 0 || digits[n] != '\0' || value > 0xFFFFFFFFull) {
+        uprintf("NAK,RTC,FormatErr");
+        return;
+    }
+    HibernateRTCSet(static_cast<uint32_t>(value));
     uprintf("ACK,%u,%u", static_cast<unsigned>(value), static_cast<unsigned>(HibernateRTCGet()));
 }
 

@@ -249,6 +249,12 @@ TEST_F(FloatCommands, ClockSetFromTheLine) {
     EXPECT_EQ(HibernateRTCGet(), 1767300000u);
     // Everything from position 14 on is ignored.
     EXPECT_EQ(reply(apf_set_rtc, "RTC,1767400000999"), "ACK,1767400000,1767400000");
+    // Without a whole number that fits the clock the clock is left alone.
+    for (const char* bad : {"RTC", "RTC,", "RTC,abc", "RTC,-5", "RTC,12x", "RTC,4294967296", "RTC 12"}) {
+        EXPECT_EQ(reply(apf_set_rtc, bad), "NAK,RTC,FormatErr") << bad;
+        EXPECT_LT(HibernateRTCGet() - 1767400000u, 2u) << bad;
+    }
+    EXPECT_EQ(reply(apf_set_rtc, "RTC,4294967295"), "ACK,4294967295,4294967295");
 }
 
 TEST_F(FloatCommands, InitLoadsDefaults) {
