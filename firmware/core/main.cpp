@@ -144,22 +144,38 @@ void deployed_uncounted_wake(void) {
     storeSysDataVariables();
 }
 
+// Times are compared modulo 2^32, as the RTC counts: a time less than half the counter ahead of now
+// is ahead of it, anything else behind.
+bool ahead_of(uint32_t t, uint32_t now) {
+    uint32_t ahead = t - now;
+    return ahead != 0 && ahead < 0x80000000u;
+}
+
+// The first time after now on the grid of period through t (period > 0).
+uint32_t next_slot_after(uint32_t t, uint32_t now, uint32_t period) {
+    if (ahead_of(t, now)) {
+        return t - ((t - now - 1) / period) * period;
+    }
+    return t + ((now - t) / period + 1) * period;
+}
+
 // A wake without a sample (a key, the menu, the host link) keeps the pending wake while it is still
-// ahead: advancing it would skip the scheduled sample. A pending wake that has passed (the operator
-// kept the board awake through it) moves to the first time ahead of now on the same grid, so the
-// schedule does not drift and no burst of catch-up samples follows.
+// ahead within a period: advancing it would skip the scheduled sample. A pending wake that has
+// passed (the operator kept the board awake through it), or that lies more than a period ahead (the
+// clock was set back), moves to the first time after now on the same grid, so the schedule does not
+// drift and neither a burst of catch-up samples nor a stream of two-second wakes follows.
 void keep_pending_wake(void) {
     uint32_t now = HibernateRTCGet();
-    if (sys_samp.nextWakeUp > now) {
-        return;
-    }
-    compute_nextWakeUp();
     uint32_t period = sys_data.sampling_period;
-    if (sys_samp.nextWakeUp > now || period == 0) {
+    uint32_t next = sys_samp.nextWakeUp;
+    if (period == 0 || (ahead_of(next, now) && next - now <= period)) {
         return;
     }
-    uint32_t behind = now - sys_samp.nextWakeUp;
-    sys_samp.nextWakeUp += (behind / period + 1) * period;
+    if (sys_data.sample_aligned != 0) {
+        compute_nextWakeUp();
+        return;
+    }
+    sys_samp.nextWakeUp = next_slot_after(next, now, period);
 }
 
 void dispatch_deployed(void) {
@@ -345,22 +361,33 @@ void deploy(uint32_t state, uint32_t skip_sample) {
 }
 
 // Unaligned, the schedule advances from the previous wake, so it does not drift with the time a
-// sample takes. Aligned, the wake is the first point at or after now on the grid of
-// sampling_period counted from the top of the hour. An aligned period of 0 has no grid: the wake
-// is now, which sleep turns into a wake two seconds later.
+// sample takes; a wake that would then lie more than one period away from now (the clock was set
+// back or forward, the board was off for a while) moves onto the first slot of its grid after now,
+// so that neither an endless run of two-second wakes nor a burst of catch-up samples follows.
+// Aligned, the wake is the first point at or after now on the grid of sampling_period counted from
+// the top of the hour. An aligned period of 0 has no grid: the wake is now, which sleep turns into a
+// wake two seconds later.
 uint32_t compute_nextWakeUp(void) {
     uint32_t period = sys_data.sampling_period;
     if (sys_data.sample_aligned == 0) {
-        sys_samp.nextWakeUp = sys_samp.nextWakeUp + period;
-        return sys_samp.nextWakeUp;
+        uint32_t next = sys_samp.nextWakeUp + period;
+        uint32_t now = HibernateRTCGet();
+        bool far_ahead = ahead_of(next, now) && next - now > period;
+        bool far_behind = !ahead_of(next, now) && now - next >= period;
+        if (period != 0 && (far_ahead || far_behind)) {
+            next = next_slot_after(next, now, period);
+        }
+        sys_samp.nextWakeUp = next;
+        return next;
     }
     uint32_t now = HibernateRTCGet();
     uint32_t t = now;
     if (period != 0) {
-        t = now - now % 3600 + period;
-        while (now > t) {
-            t += period;
-        }
+        // The first slot at or after now, but never the top of the hour itself; counted in whole
+        // periods from the top of the hour, so it holds across the RTC's 32-bit wrap.
+        uint32_t into_hour = now % 3600;
+        uint32_t slots = into_hour <= period ? 1 : (into_hour + period - 1) / period;
+        t = now - into_hour + slots * period;
     }
     sys_samp.nextWakeUp = t;
     return t;

@@ -59,9 +59,9 @@ void menu_timed_out(void) {
 // Waits until the key reader has a whole answer (a line, or a controller's "U") or the RTC reaches
 // deadline; false on the deadline. A stray byte without its Enter (line noise on a cable left at sea)
 // therefore still lets the menu time out instead of holding the board awake.
-bool wait_key_until(uint32_t deadline) {
+bool wait_key_until(const RtcDeadline& deadline) {
     while (UARTPeek('\r') < 0 && UARTPeek('U') < 0) {
-        if (HibernateRTCGet() >= deadline) {
+        if (rtc_deadline_passed(deadline)) {
             return false;
         }
         wdog_pet();
@@ -282,10 +282,9 @@ void print_main_menu(void) {
 void exec_main_menu(void) {
     UARTEchoSet(true);
     menu_abandoned = false;
-    uint32_t deadline = HibernateRTCGet() + deployDelay;
+    RtcDeadline deadline = rtc_deadline(deployDelay);
     for (;;) {
-        uint32_t now = HibernateRTCGet();
-        menu_seconds_left = deadline > now ? deadline - now : 0;
+        menu_seconds_left = rtc_seconds_left(deadline);
         print_main_menu();
         UARTFlushRx();
         if (!wait_key_until(deadline)) {
@@ -300,7 +299,7 @@ void exec_main_menu(void) {
             return;
         }
         if (main_menu_entry_ran) {
-            deadline = HibernateRTCGet() + deployDelay;
+            deadline = rtc_deadline(deployDelay);
         }
     }
 }

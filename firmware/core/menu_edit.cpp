@@ -233,11 +233,11 @@ bool edit_item(const MenuItem& item) {
 // Like the main menu, a page's time restarts only when an entry has run: keys that choose nothing
 // and a controller's "U" show the page again with the time that is left.
 void run_menu_page(const char* title, const MenuItem* items, size_t count) {
-    uint32_t deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
+    RtcDeadline deadline = rtc_deadline(MENU_KEY_TIMEOUT_S);
     while (!menu_abandoned) {
         print_page(title, items, count);
         uint8_t key = get_key_m2m_until(deadline);
-        if (key == 0 && HibernateRTCGet() >= deadline) {
+        if (key == 0 && rtc_deadline_passed(deadline)) {
             menu_abandoned = true;
             uprintf("\r\nNo answer, leaving the menus\r\n");
             return;
@@ -253,7 +253,7 @@ void run_menu_page(const char* title, const MenuItem* items, size_t count) {
             continue;
         }
         edit_item(*item);
-        deadline = HibernateRTCGet() + MENU_KEY_TIMEOUT_S;
+        deadline = rtc_deadline(MENU_KEY_TIMEOUT_S);
     }
 }
 

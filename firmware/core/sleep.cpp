@@ -23,8 +23,10 @@ void busy_wait_ms(uint32_t ms) {
 
 // A scheduled wake must lie in (now + 2, now + 3600]. Anything else, including a time more than one
 // hour ahead, is taken as invalid and the board wakes two seconds from now instead.
+// The seconds ahead are taken modulo 2^32, as the RTC counts, so the guard holds across its wrap.
 uint32_t guard_wake_time(uint32_t wake_time, uint32_t now) {
-    if (wake_time <= now + 2 || wake_time > now + 3600) {
+    uint32_t ahead = wake_time - now;
+    if (ahead <= 2 || ahead > 3600) {
         return now + 2;
     }
     return wake_time;

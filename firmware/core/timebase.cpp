@@ -94,6 +94,19 @@ void error_store(const char* message) {
     sd_append_report(log, AppendStep::close, sd_append_close());
 }
 
+RtcDeadline rtc_deadline(uint32_t seconds) {
+    return RtcDeadline{HibernateRTCGet(), seconds};
+}
+
+bool rtc_deadline_passed(const RtcDeadline& d) {
+    return HibernateRTCGet() - d.start >= d.seconds;
+}
+
+uint32_t rtc_seconds_left(const RtcDeadline& d) {
+    uint32_t gone = HibernateRTCGet() - d.start;
+    return gone < d.seconds ? d.seconds - gone : 0;
+}
+
 // In 2000..2099 every fourth year is a leap year, 2000 included.
 uint32_t rtc_seconds_of(int year, int month, int day, int hour, int minute, int second) {
     static constexpr uint16_t days_before_month[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};

@@ -29,5 +29,15 @@ uint32_t rtc_seconds_of(int year, int month, int day, int hour, int minute, int 
 // Days in a month of a year in 2000..2099; 0 for a month outside 1..12.
 uint32_t days_in_month(int year, int month);
 
+// A time limit in RTC seconds that holds across the clock's 32-bit wrap (2106): it compares the
+// seconds gone since its start, never two absolute times.
+struct RtcDeadline {
+    uint32_t start;
+    uint32_t seconds;
+};
+RtcDeadline rtc_deadline(uint32_t seconds);
+bool rtc_deadline_passed(const RtcDeadline& d);
+uint32_t rtc_seconds_left(const RtcDeadline& d);
+
 // Appends "\r\n<timestamp> <message>" to Error.txt on the card.
 void error_store(const char* message);

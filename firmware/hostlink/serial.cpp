@@ -267,10 +267,10 @@ int32_t handle_m2m_comm(void) {
 }
 
 uint8_t get_key_m2m(void) {
-    return get_key_m2m_until(HibernateRTCGet() + MENU_KEY_TIMEOUT_S);
+    return get_key_m2m_until(rtc_deadline(MENU_KEY_TIMEOUT_S));
 }
 
-uint8_t get_key_m2m_until(uint32_t deadline) {
+uint8_t get_key_m2m_until(const RtcDeadline& deadline) {
     for (;;) {
         if (UARTPeek('\r') >= 0) {
             char line[5];
@@ -281,7 +281,7 @@ uint8_t get_key_m2m_until(uint32_t deadline) {
             refuse_in_menu();
             return 1;
         }
-        if (HibernateRTCGet() >= deadline) {
+        if (rtc_deadline_passed(deadline)) {
             return 0;
         }
         wdog_pet();

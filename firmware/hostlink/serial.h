@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "core/timebase.h"
+
 struct rxStateMach {
     uint32_t state;         // receive state: 0 idle, 1 break-in, 2 text line, 3 framed line
     uint32_t indx;          // bytes stored in buf (the line length)
@@ -38,7 +40,7 @@ inline constexpr uint32_t MENU_KEY_TIMEOUT_S = 60;
 // 0 when nothing came within MENU_KEY_TIMEOUT_S seconds.
 uint8_t get_key_m2m(void);
 // The same with the RTC second at which it gives up.
-uint8_t get_key_m2m_until(uint32_t deadline);
+uint8_t get_key_m2m_until(const RtcDeadline& deadline);
 // 6 when text (cut at its first CR or LF) is "ACK" in any case, 21 when it is "NAK", -1 otherwise.
 int32_t MatchACK(char* text);
 // Waits up to timeout_ms for "ACK" from the other side: 1 on "ACK", 0 on a bad byte, -1 on time-out.

@@ -115,12 +115,26 @@ TEST(NextWakeUpTest, AlignedWakesFallOnTheGridFromTheTopOfTheHour) {
     EXPECT_EQ(next_wake_at(ten + 15 * 60, 1, 900, 0), ten + 15 * 60) << "a time equal to now is accepted";
     EXPECT_EQ(next_wake_at(ten + 59 * 60 + 30, 1, 900, 0), ten + 3600);
     EXPECT_EQ(next_wake_at(ten, 1, 900, 0), ten + 900);
+    // The last (short) hour before the RTC's 32-bit wrap: the grid runs on past the wrap instead of
+    // looking for a slot forever.
+    const uint32_t last_hour = 0xFFFFFFFFu - 0xFFFFFFFFu % 3600;
+    EXPECT_EQ(next_wake_at(last_hour + 1000, 1, 900, 0), last_hour + 1800);
 }
 
+// The schedule advances from the previous wake, unless that leaves it more than one period from now:
+// then it moves onto the first slot of its own grid after now.
 TEST(NextWakeUpTest, UnalignedWakesAdvanceFromThePreviousWake) {
     const uint32_t now = T0 + 10 * 3600;
     EXPECT_EQ(next_wake_at(now, 0, 600, now - 30), now + 570);
-    EXPECT_EQ(next_wake_at(now, 0, 600, 1000), 1600u) << "a past schedule is not caught up";
+    EXPECT_EQ(next_wake_at(now, 0, 600, now - 620), now - 20)
+        << "less than a period late: the guard wakes it";
+    EXPECT_EQ(next_wake_at(now, 0, 600, now - 5000), now + 400) << "an outage: no catch-up burst";
+    const uint32_t slot_after_now = 1600 + ((now - 1600) / 600 + 1) * 600;
+    EXPECT_EQ(next_wake_at(now, 0, 600, 1000), slot_after_now) << "a schedule from long ago";
+    EXPECT_EQ(next_wake_at(now, 0, 600, now + 100000), now + 400)
+        << "the clock set back: not an endless run of two-second wakes";
+    // Across the 32-bit wrap of the RTC, slots keep their distance.
+    EXPECT_EQ(next_wake_at(0xFFFFFF00u, 0, 600, 0xFFFFFE00u), 0xFFFFFE00u + 600);
 }
 
 TEST(NextWakeUpTest, AlignedZeroPeriodEndsAtNow) {
