@@ -88,56 +88,73 @@ bool parse_number(const std::string& v, uint64_t& out) {
 }
 
 // Calls fn(line number, key, value) for each `key = value` line of the file; blank and comment
-// lines are skipped, malformed ones reported. False when the file cannot be read.
+// lines are skipped. fn returns false for a value it refuses (having said why). False when the file
+// cannot be read, has a malformed line, or fn refused a value: a board's state is taken whole or not
+// at all.
 bool for_each_setting(const std::string& path,
-                      const std::function<void(int n, const std::string& key, std::string& value)>& fn) {
+                      const std::function<bool(int n, const std::string& key, std::string& value)>& fn) {
     std::string text;
     if (!read_file(path, text)) {
+        message("cannot read %s", path.c_str());
         return false;
     }
     std::istringstream in(text);
     std::string line;
     int n = 0;
+    bool ok = true;
     while (std::getline(in, line)) {
         ++n;
         std::string key;
         std::string value;
         bool blank = false;
         if (!split_line(line, key, value, blank)) {
-            message("%s:%d: not `key = value`, ignored", path.c_str(), n);
+            message("%s:%d: not `key = value`", path.c_str(), n);
+            ok = false;
             continue;
         }
-        if (!blank) {
-            fn(n, key, value);
+        if (!blank && !fn(n, key, value)) {
+            ok = false;
         }
     }
-    return true;
+    return ok;
 }
 
 } // namespace
 
 bool load_rtc(const std::string& path, HibState& h) {
     return for_each_setting(path, [&](int n, const std::string& key, std::string& value) {
+        auto bad = [&](const char* why) {
+            message("%s:%d: %s = %s: %s", path.c_str(), n, key.c_str(), value.c_str(), why);
+            return false;
+        };
         if (key == "data") {
             std::istringstream words(value);
             std::string w;
-            for (int i = 0; i < 16 && words >> w; ++i) {
+            int i = 0;
+            for (; words >> w; ++i) {
                 uint64_t v = 0;
-                if (parse_number(w, v)) {
-                    h.data[i] = static_cast<uint32_t>(v);
+                if (i >= 16 || !parse_number(w, v) || v > 0xFFFFFFFFu) {
+                    return bad("sixteen 32-bit words");
                 }
+                h.data[i] = static_cast<uint32_t>(v);
             }
-            return;
+            return i == 16 ? true : bad("sixteen 32-bit words");
         }
         uint64_t v = 0;
         if (!parse_number(value, v)) {
-            message("%s:%d: bad number for %s, ignored", path.c_str(), n, key.c_str());
-            return;
+            return bad("not a number");
+        }
+        uint64_t most = key == "trim"                                                     ? 0xFFFFu
+                        : key == "rtc_sub_ns"                                             ? ns_per_s - 1
+                        : key == "active" || key == "hibernating" || key == "rtc_enabled" ? 1u
+                                                                                          : 0xFFFFFFFFu;
+        if (v > most) {
+            return bad(most == 1 ? "0 or 1" : most == 0xFFFFu ? "more than 16 bits" : "out of range");
         }
         if (key == "rtc_seconds") {
             h.rtc_seconds = static_cast<uint32_t>(v);
         } else if (key == "rtc_sub_ns") {
-            h.rtc_sub_ns = v % ns_per_s;
+            h.rtc_sub_ns = v;
         } else if (key == "match0") {
             h.match0 = static_cast<uint32_t>(v);
         } else if (key == "trim") {
@@ -155,8 +172,9 @@ bool load_rtc(const std::string& path, HibState& h) {
         } else if (key == "rtc_enabled") {
             h.rtc_enabled = v != 0;
         } else {
-            message("%s:%d: unknown key %s, ignored", path.c_str(), n, key.c_str());
+            return bad("no such key");
         }
+        return true;
     });
 }
 
@@ -195,8 +213,11 @@ bool save_rtc(const std::string& path, const HibState& h) {
     return true;
 }
 
-void load_scenario(const std::string& path) {
-    for_each_setting(path, [&](int n, const std::string& key, std::string& value) {
+bool load_scenario(const std::string& path) {
+    if (!std::ifstream(path)) {
+        return true; // no file: every key takes its default
+    }
+    return for_each_setting(path, [&](int n, const std::string& key, std::string& value) {
         if (!value.empty() && value[0] == '"') {
             size_t pos = 0;
             std::string unquoted;
@@ -204,15 +225,21 @@ void load_scenario(const std::string& path) {
             if (!script::parse_text(value, pos, unquoted, error) || pos != value.size()) {
                 message("%s:%d: %s", path.c_str(), n,
                         error.empty() ? "text after the quotes" : error.c_str());
-                return;
+                return false;
             }
             value = unquoted;
         }
+        std::string why;
+        if (!scenario_check(key, value, why)) {
+            message("%s:%d: %s = %s: %s", path.c_str(), n, key.c_str(), value.c_str(), why.c_str());
+            return false;
+        }
         if (!scenario_set(key, value)) {
-            message("%s:%d: key or value too long (or too many keys), ignored", path.c_str(), n);
-            return;
+            message("%s:%d: key or value too long (or too many keys)", path.c_str(), n);
+            return false;
         }
         scenario_apply(key);
+        return true;
     });
 }
 

@@ -8,13 +8,15 @@
 
 namespace sim::board {
 
-// Reads the `rtc` file into `h`; false when it is missing. Bad lines are reported and skipped.
+// Reads the `rtc` file into `h`; false (having said why) when it is missing or has a line that is
+// malformed, names no field or holds a value the field cannot take.
 bool load_rtc(const std::string& path, HibState& h);
 // Writes `h` to the `rtc` file (through a temporary file, so a crash never leaves half a file).
 bool save_rtc(const std::string& path, const HibState& h);
 
-// Reads scenario.ini into the runtime's scenario values (a missing file is an empty scenario).
-void load_scenario(const std::string& path);
+// Reads scenario.ini into the runtime's scenario values (a missing file is an empty scenario);
+// false (having named the file, line, key and value) when a line is malformed or a value refused.
+bool load_scenario(const std::string& path);
 // The documented default scenario.ini of a new board: every key commented out at its default.
 std::string scenario_template();
 

@@ -7,12 +7,14 @@
 #include "devices.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <sstream>
 #include <unistd.h>
 
 namespace sim {
@@ -174,8 +176,10 @@ class AwakeEffects : public script::Effects {
         power_off(PowerEvent::end);
     }
     void set(const std::string& key, const std::string& value) override {
-        if (!scenario_set(key, value)) {
-            message("set %s: key or value too long, ignored", key.c_str());
+        std::string why;
+        if (!scenario_check(key, value, why) || !scenario_set(key, value)) {
+            message("set %s %s: %s, ignored", key.c_str(), value.c_str(),
+                    why.empty() ? "too long" : why.c_str());
             return;
         }
         scenario_apply(key);
@@ -498,6 +502,99 @@ uint64_t rtc_match_time_ns() {
 }
 
 // ---------------------------------------------------------------- scenario
+
+namespace {
+
+// What a scenario value may be: a number within a range (whole where it counts something), one of
+// a few names, or any text.
+struct KeySpec {
+    const char* key;
+    enum Kind { number, whole, name, text } kind;
+    double lo;
+    double hi;
+    const char* names; // for `name`: the accepted values, separated by blanks
+};
+
+const KeySpec key_specs[] = {
+    {"bath.ph", KeySpec::number, 0.0, 14.0, nullptr},
+    {"bath.temp", KeySpec::number, -5.0, 60.0, nullptr},
+    {"bath.sal", KeySpec::number, 0.1, 60.0, nullptr},
+    {"bath.no3", KeySpec::number, 0.0, 1000.0, nullptr},
+    {"sensor.k0int", KeySpec::number, -3.0, 3.0, nullptr},
+    {"sensor.k0ext", KeySpec::number, -3.0, 3.0, nullptr},
+    {"sensor.vk", KeySpec::number, -3.0, 3.0, nullptr},
+    {"sensor.ik", KeySpec::number, -3.0, 3.0, nullptr},
+    {"sensor.ib", KeySpec::number, -3.0, 3.0, nullptr},
+    {"adc.noise_uv", KeySpec::number, 0.0, 1e6, nullptr},
+    {"adc.seed", KeySpec::whole, 0.0, 4294967295.0, nullptr},
+    {"adc.stuck", KeySpec::whole, 0.0, 1.0, nullptr},
+    {"board.vbat", KeySpec::number, 0.0, 40.0, nullptr},
+    {"board.temp", KeySpec::number, -40.0, 85.0, nullptr},
+    {"board.humidity", KeySpec::number, 0.0, 100.0, nullptr},
+    {"board.amps", KeySpec::number, -15.0, 15.0, nullptr},
+    {"board.bme280.id", KeySpec::whole, 0.0, 255.0, nullptr},
+    {"board.ina260", KeySpec::whole, 0.0, 1.0, nullptr},
+    {"board.pcal6416", KeySpec::whole, 0.0, 1.0, nullptr},
+    {"board.xtal", KeySpec::whole, 0.0, 1.0, nullptr},
+    {"bias.pos", KeySpec::number, 0.0, 12.0, nullptr},
+    {"bias.neg", KeySpec::number, -12.0, 0.0, nullptr},
+    {"hibernate.fail", KeySpec::whole, 0.0, 255.0, nullptr},
+    {"card.cut_after_writes", KeySpec::whole, 0.0, 1e9, nullptr},
+    {"card", KeySpec::name, 0, 0, "present absent protected"},
+    {"card.type", KeySpec::name, 0, 0, "sdhc sdsc sdv1 mmc badv2"},
+    {"port4", KeySpec::name, 0, 0, "none sbe37 sbe37-silent sbe37-garbage"},
+    {"port4.reply", KeySpec::text, 0, 0, nullptr},
+};
+
+bool is_one_of(const std::string& value, const char* names) {
+    std::istringstream words(names);
+    std::string w;
+    while (words >> w) {
+        if (w == value) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+bool scenario_check(const std::string& key, const std::string& value, std::string& why) {
+    for (const KeySpec& k : key_specs) {
+        if (key != k.key) {
+            continue;
+        }
+        if (k.kind == KeySpec::text) {
+            return true;
+        }
+        if (k.kind == KeySpec::name) {
+            if (is_one_of(value, k.names)) {
+                return true;
+            }
+            why = std::string("not one of: ") + k.names;
+            return false;
+        }
+        char* end = nullptr;
+        double v = std::strtod(value.c_str(), &end);
+        if (value.empty() || end == value.c_str() || *end != '\0' || !std::isfinite(v)) {
+            why = "not a number";
+            return false;
+        }
+        if (k.kind == KeySpec::whole && v != std::floor(v)) {
+            why = "not a whole number";
+            return false;
+        }
+        if (v < k.lo || v > k.hi) {
+            char range[96];
+            std::snprintf(range, sizeof range, "outside %g to %g", k.lo, k.hi);
+            why = range;
+            return false;
+        }
+        return true;
+    }
+    why = "no such key";
+    return false;
+}
 
 bool scenario_set(const std::string& key, const std::string& value) {
     Scenario& sc = shared().scenario;

@@ -31,6 +31,9 @@ struct Scenario {
     uint32_t changes; // grows with every value set: what is computed from the scenario can be kept until then
     ScenarioEntry entries[scenario_max];
 };
+// Whether a value is one the key takes (a number within the key's range, one of its names); `why`
+// says what is wrong otherwise (an unknown key included).
+bool scenario_check(const std::string& key, const std::string& value, std::string& why);
 // Sets or replaces a value (keys and values that do not fit are refused with false).
 bool scenario_set(const std::string& key, const std::string& value);
 // The effects a value has on the state the runtime keeps (the failing hibernation requests, the card).

@@ -2,6 +2,8 @@
 // whole file before the board starts, so a bad line never stops a run half way.
 #include "script.h"
 
+#include "runtime.h"
+
 #include <cstring>
 
 namespace sim::script {
@@ -138,6 +140,11 @@ bool parse_arguments(Command& c, const std::string& name, const std::string& lin
                 error = "set needs a VALUE after the key";
                 return false;
             }
+        }
+        std::string why;
+        if (ok && !scenario_check(c.key, c.text, why)) {
+            error = "set " + c.key + " " + c.text + ": " + why;
+            return false;
         }
     } else {
         error = "unknown command '" + name + "'";

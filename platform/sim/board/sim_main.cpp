@@ -39,6 +39,7 @@ using namespace sim;
 namespace {
 
 constexpr uint8_t quit_key = 0x1d;  // Ctrl-]
+constexpr int exit_usage = 2;       // bad options, a bad script line or a board state file refused
 constexpr int exit_internal = 3;    // the firmware process died, or the board could not be set up
 constexpr int event_exit_base = 20; // a period's child exits with this plus its PowerEvent
 constexpr uint64_t card_bytes = 256ull * 1024 * 1024; // a new board's microSD card
@@ -695,7 +696,7 @@ void set_up_console() {
 [[noreturn]] void bad_usage(const std::string& why) {
     message("%s", why.c_str());
     std::fputs(usage_text, stderr);
-    std::exit(2);
+    std::exit(exit_usage);
 }
 
 void parse_options(int argc, char** argv) {
@@ -752,7 +753,7 @@ void load_image() {
     std::string error;
     if (!chip::load_image(g_opt.image, error)) {
         message("--image %s: %s", g_opt.image.c_str(), error.c_str());
-        std::exit(2);
+        std::exit(exit_usage);
     }
 }
 
@@ -763,15 +764,38 @@ void load_script() {
     std::ifstream in(g_opt.script_path, std::ios::binary);
     if (!in) {
         message("cannot read %s: %s", g_opt.script_path.c_str(), std::strerror(errno));
-        std::exit(2);
+        std::exit(exit_usage);
     }
     std::ostringstream ss;
     ss << in.rdbuf();
     std::string error;
     if (!script::parse(g_opt.script_path, ss.str(), g_script, error)) {
         message("%s", error.c_str());
-        std::exit(2);
+        std::exit(exit_usage);
     }
+}
+
+// A memory file of the wrong size is not a board's memory (a truncated copy, another file): it is
+// refused rather than padded into something the firmware would take as written.
+bool memories_whole() {
+    struct Memory {
+        const char* name;
+        uintmax_t bytes;
+    };
+    bool ok = true;
+    for (Memory m : {Memory{"eeprom.bin", eeprom_size}, Memory{"fram.bin", fram_size}}) {
+        std::string path = path_in_board(m.name);
+        struct stat st {};
+        if (stat(path.c_str(), &st) != 0) {
+            message("cannot read %s: %s", path.c_str(), std::strerror(errno));
+            ok = false;
+        } else if (static_cast<uintmax_t>(st.st_size) != m.bytes) {
+            message("%s: %ju bytes, the memory holds %ju; refused", path.c_str(),
+                    static_cast<uintmax_t>(st.st_size), m.bytes);
+            ok = false;
+        }
+    }
+    return ok;
 }
 
 } // namespace
@@ -795,13 +819,17 @@ int main(int argc, char** argv) {
     if (!prepare_board()) {
         return exit_internal;
     }
+    if (!memories_whole()) {
+        return exit_usage;
+    }
     Shared& s = shared();
     if (!board::load_rtc(g_rtc_path, s.hib)) {
-        message("cannot read %s", g_rtc_path.c_str());
-        return exit_internal;
+        return exit_usage;
     }
     s.hib.fail_requests = 0;
-    board::load_scenario(path_in_board("scenario.ini"));
+    if (!board::load_scenario(path_in_board("scenario.ini"))) {
+        return exit_usage;
+    }
     s.run_for_ns = g_opt.run_for_ns;
     set_script(g_opt.script_path.empty() ? nullptr : &g_script);
 

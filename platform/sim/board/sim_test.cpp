@@ -151,10 +151,17 @@ Outcome drain_console() {
         nullptr);
 }
 
-void set_scenario(const std::string& key, const std::string& value) {
-    if (scenario_set(key, value)) {
-        scenario_apply(key);
+bool set_scenario(const std::string& key, const std::string& value) {
+    std::string why;
+    if (!scenario_check(key, value, why)) {
+        message("set_scenario %s = %s: %s", key.c_str(), value.c_str(), why.c_str());
+        return false;
     }
+    if (!scenario_set(key, value)) {
+        return false;
+    }
+    scenario_apply(key);
+    return true;
 }
 
 } // namespace sim::test

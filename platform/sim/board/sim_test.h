@@ -43,7 +43,7 @@ Outcome advance_s(double seconds);
 // transmit buffer (a few character times of silence).
 Outcome drain_console();
 
-// Sets a scenario value as scenario.ini or the script's `set` would.
-void set_scenario(const std::string& key, const std::string& value);
+// Sets a scenario value as scenario.ini or the script's `set` would; false (said why) when refused.
+bool set_scenario(const std::string& key, const std::string& value);
 
 } // namespace sim::test

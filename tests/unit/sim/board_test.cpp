@@ -68,14 +68,43 @@ TEST_F(BoardFilesTest, RtcFileKeepsEveryField) {
     EXPECT_FALSE(sim::board::load_rtc(dir + "/missing", back));
 }
 
+// A state file is taken whole or refused, naming the file, the key and the value: never padded,
+// wrapped or half-read into a board the firmware would take as its own.
+TEST_F(BoardFilesTest, BrokenStateFilesAreRefused) {
+    sim::HibState h{};
+    for (const char* text :
+         {"rtc_seconds = 4294967296\n", "rtc_seconds = -5\n", "rtc_sub_ns = 1000000000\n", "trim = 0x10000\n",
+          "active = 2\n", "rtc_second = 5\n", "data = 1 2 3\n", "rtc_seconds\n"}) {
+        write("rtc", text);
+        EXPECT_FALSE(sim::board::load_rtc(dir + "/rtc", h)) << text;
+    }
+    write("rtc", "rtc_seconds = 4294967295\ndata = 0 1 2 3 4 5 6 7 8 9 10 11 12 13 14 0xffffffff\n");
+    ASSERT_TRUE(sim::board::load_rtc(dir + "/rtc", h));
+    EXPECT_EQ(h.rtc_seconds, 4294967295u);
+    EXPECT_EQ(h.data[15], 0xFFFFFFFFu);
+
+    for (const char* text :
+         {"bath.ph = abc\n", "bath.temp = nan\n", "bath.temp = 1e30\n", "card.type = bogus\n",
+          "card = maybe\n", "bath.ph = 7.5 8\n", "no.such.key = 1\n", "hibernate.fail = 2.5\n"}) {
+        write("scenario.ini", text);
+        testing::internal::CaptureStderr();
+        EXPECT_FALSE(sim::board::load_scenario(dir + "/scenario.ini")) << text;
+        std::string said = testing::internal::GetCapturedStderr();
+        std::string key = std::string(text).substr(0, std::string(text).find(' '));
+        EXPECT_NE(said.find(dir + "/scenario.ini:1: " + key + " = "), std::string::npos) << said;
+    }
+    EXPECT_EQ(sim::scenario_num("bath.temp", 15.0), 15.0) << "a refused value is not kept";
+    EXPECT_EQ(sim::scenario_str("card.type", "sdhc"), "sdhc");
+    EXPECT_TRUE(sim::board::load_scenario(dir + "/missing.ini")) << "no file: every key at its default";
+}
+
 TEST_F(BoardFilesTest, ScenarioIniTakesValuesQuotesAndComments) {
     write("scenario.ini", "# comment\n"
                           "bath.ph = 7.9   # after the value\n"
                           "  port4=sbe37\n"
                           "port4.reply = \"  23.1, 35.0 # not a comment\\r\\n\"\n"
-                          "this line is wrong\n"
                           "hibernate.fail = 3\n");
-    sim::board::load_scenario(dir + "/scenario.ini");
+    EXPECT_TRUE(sim::board::load_scenario(dir + "/scenario.ini"));
     EXPECT_EQ(sim::scenario_num("bath.ph", 8.0), 7.9);
     EXPECT_EQ(sim::scenario_str("port4", "none"), "sbe37");
     EXPECT_EQ(sim::scenario_str("port4.reply", ""), "  23.1, 35.0 # not a comment\r\n");
@@ -84,9 +113,26 @@ TEST_F(BoardFilesTest, ScenarioIniTakesValuesQuotesAndComments) {
 
 TEST_F(BoardFilesTest, TheTemplateSetsNothing) {
     write("scenario.ini", sim::board::scenario_template());
-    sim::board::load_scenario(dir + "/scenario.ini");
+    EXPECT_TRUE(sim::board::load_scenario(dir + "/scenario.ini"));
     EXPECT_EQ(sim::shared().scenario.count, 0);
     EXPECT_NE(sim::board::scenario_template().find("# card.type = sdhc"), std::string::npos);
+}
+
+TEST_F(BoardFilesTest, EveryTemplateDefaultIsAValueItsKeyTakes) {
+    std::istringstream in(sim::board::scenario_template());
+    std::string line;
+    int keys = 0;
+    while (std::getline(in, line)) {
+        char key[64];
+        char value[64];
+        if (std::sscanf(line.c_str(), "# %63[a-z0-9_.] = %63s", key, value) != 2) {
+            continue;
+        }
+        std::string why;
+        EXPECT_TRUE(sim::scenario_check(key, value, why)) << line << ": " << why;
+        ++keys;
+    }
+    EXPECT_GE(keys, 20);
 }
 
 TEST_F(BoardFilesTest, StatsHeaderComesOnceAtTheTop) {

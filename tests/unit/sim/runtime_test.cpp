@@ -156,10 +156,13 @@ TEST_F(RuntimeTest, ScenarioValuesReadBackWithDefaults) {
     EXPECT_EQ(sim::scenario_num("bath.ph", 8.0), 8.0);
     sim::test::set_scenario("bath.ph", "7.5");
     sim::test::set_scenario("port4", "sbe37");
-    sim::test::set_scenario("bath.temp", "warm");
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(sim::test::set_scenario("bath.temp", "warm"));
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("bath.temp = warm: not a number"),
+              std::string::npos);
     EXPECT_EQ(sim::scenario_num("bath.ph", 8.0), 7.5);
     EXPECT_EQ(sim::scenario_str("port4", "none"), "sbe37");
-    EXPECT_EQ(sim::scenario_num("bath.temp", 15.0), 15.0) << "not a number: the default";
+    EXPECT_EQ(sim::scenario_num("bath.temp", 15.0), 15.0) << "refused: the default stays";
 }
 
 TEST_F(RuntimeTest, CardRemovalAndInsertionAreCounted) {

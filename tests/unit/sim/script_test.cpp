@@ -99,6 +99,13 @@ TEST(ScriptParseTest, BadLinesAreNamedWithFileAndLine) {
     EXPECT_EQ(parse_error("card eject\n"), "t.sim:1: card needs 'remove' or 'insert'");
     EXPECT_EQ(parse_error("set bath.ph\n"), "t.sim:1: set needs a VALUE after the key");
     EXPECT_EQ(parse_error("set b@d 1\n"), "t.sim:1: bad scenario key 'b@d'");
+    EXPECT_EQ(parse_error("set bath.ph abc\n"), "t.sim:1: set bath.ph abc: not a number");
+    EXPECT_EQ(parse_error("set bath.temp 1e30\n"), "t.sim:1: set bath.temp 1e30: outside -5 to 60");
+    EXPECT_EQ(parse_error("set bath.temp nan\n"), "t.sim:1: set bath.temp nan: not a number");
+    EXPECT_EQ(parse_error("set hibernate.fail 1.5\n"), "t.sim:1: set hibernate.fail 1.5: not a whole number");
+    EXPECT_EQ(parse_error("set card.type bogus\n"),
+              "t.sim:1: set card.type bogus: not one of: sdhc sdsc sdv1 mmc badv2");
+    EXPECT_EQ(parse_error("set bath.phh 8\n"), "t.sim:1: set bath.phh 8: no such key");
 }
 
 TEST(ScriptParseTest, QuoteShowsControlCharacters) {
@@ -234,13 +241,13 @@ TEST_F(ScriptEngineTest, ALostByteDropsTheRestOfTheSend) {
 }
 
 TEST_F(ScriptEngineTest, InstantCommandsRunInOrderAndTheEndOfTheScriptExits) {
-    load("set a 1\npin\ncard remove\ncard insert\npower-cycle\nset b \"x y\"\n");
+    load("set bath.ph 1\npin\ncard remove\ncard insert\npower-cycle\nset port4.reply \"x y\"\n");
     step_at(0);
     EXPECT_EQ(fx.cycles, 1);
     EXPECT_EQ(st->cursor, 5u) << "the engine stops after a power cycle so that it can take effect";
     step_at(0);
     EXPECT_EQ(fx.pins, 1);
-    EXPECT_EQ(fx.sets, (std::vector<std::string>{"a=1", "card=out", "card=in", "b=x y"}));
+    EXPECT_EQ(fx.sets, (std::vector<std::string>{"bath.ph=1", "card=out", "card=in", "port4.reply=x y"}));
     EXPECT_EQ(fx.exits, 1) << "running off the end is an exit";
 }
 
