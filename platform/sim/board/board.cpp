@@ -276,9 +276,11 @@ std::string scenario_template() {
 # bias.neg = -3.6
 
 # The instrument on port 4: none, sbe37, sbe37-silent or sbe37-garbage; port4.reply sets the exact
-# SBE37 reply line (by default it is built from the bath).
+# SBE37 reply line (by default it is built from the bath); port4.delay the seconds from the sample
+# command to the reply (a slow instrument takes longer).
 # port4 = none
 # port4.reply = "..."
+# port4.delay = 2.5
 
 # The microSD card: present, absent or protected; and its kind: sdhc, sdsc, sdv1, mmc or badv2.
 # card = present
@@ -324,7 +326,7 @@ bool parse_utc(const std::string& text, uint32_t& seconds) {
     char rest = 0;
     int n = std::sscanf(text.c_str(), "%4d-%2d-%2d %2d:%2d:%2d%c", &t.tm_year, &t.tm_mon, &t.tm_mday,
                         &t.tm_hour, &t.tm_min, &t.tm_sec, &rest);
-    if (n != 6 || t.tm_year < 1970 || t.tm_year > 2105 || t.tm_mon < 1 || t.tm_mon > 12 || t.tm_mday < 1 ||
+    if (n != 6 || t.tm_year < 1970 || t.tm_year > 2106 || t.tm_mon < 1 || t.tm_mon > 12 || t.tm_mday < 1 ||
         t.tm_mday > 31 || t.tm_hour > 23 || t.tm_min > 59 || t.tm_sec > 59) {
         return false;
     }

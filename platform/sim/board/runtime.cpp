@@ -217,7 +217,11 @@ void use_shared(Shared* s) {
 
 void clear_shared(uint32_t rtc_seconds) {
     Shared& s = shared();
+    // The scenario's change count only grows, also across a cleared board: what was computed from an
+    // earlier scenario must never look current again.
+    uint32_t changes = s.scenario.changes;
     std::memset(&s, 0, sizeof s);
+    s.scenario.changes = changes + 1;
     s.run_for_ns = never;
     s.hib.rtc_seconds = rtc_seconds;
     s.hib.trim = 0x7FFF;
@@ -544,6 +548,7 @@ const KeySpec key_specs[] = {
     {"card.type", KeySpec::name, 0, 0, "sdhc sdsc sdv1 mmc badv2"},
     {"port4", KeySpec::name, 0, 0, "none sbe37 sbe37-silent sbe37-garbage"},
     {"port4.reply", KeySpec::text, 0, 0, nullptr},
+    {"port4.delay", KeySpec::number, 0.0, 60.0, nullptr},
 };
 
 bool is_one_of(const std::string& value, const char* names) {

@@ -60,7 +60,7 @@ const char* const usage_text =
     "On a terminal every key goes to the board's console (Ctrl-C too); a key pressed while the board\n"
     "hibernates wakes it and is lost. Ctrl-] ends the simulator.\n"
     "Exit status: 0 when the script ends or the run time is reached, 1 when an expect times out,\n"
-    "2 on bad usage or a bad script line, 3 when the board's process fails.\n";
+    "2 on bad usage, a bad script line or a board file it refuses, 3 when the board's process fails.\n";
 
 struct Options {
     std::string board = "board";

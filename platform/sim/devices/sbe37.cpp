@@ -3,7 +3,8 @@
 // Asleep, the instrument ignores everything but a carriage return, which wakes it: it answers with
 // its prompt "S>". Awake, it echoes what it receives (a carriage return as CR LF) and collects a
 // command line; "ts" takes a sample and sends one line 2.5 s after the command's carriage return
-// (a real SBE37 needs about 2 to 3 s per sample with its pressure sensor), followed by a new prompt.
+// (a real SBE37 needs about 2 to 3 s per sample with its pressure sensor; `port4.delay` sets another
+// time, for a slow one), followed by a new prompt.
 // An empty line gets the prompt, anything else "?cmd" and the prompt. After two minutes without a
 // command it goes back to sleep. Its bytes reach the board one character time (10 bits at 9600
 // baud) apart.
@@ -34,7 +35,6 @@ namespace {
 
 constexpr int sbe37_port = 4;
 constexpr uint64_t char_ns = 10 * ns_per_s / 9600; // start bit, 8 data bits, stop bit
-constexpr uint64_t sample_delay_ns = 2500 * ns_per_ms;
 constexpr uint64_t sleep_timeout_ns = 120 * ns_per_s;
 constexpr size_t line_window = 14; // visible characters; the CR makes 15 stored by the controller
 constexpr size_t command_max = 32;
@@ -115,17 +115,21 @@ std::string noise_bytes() {
     return text;
 }
 
+uint64_t sample_delay_ns() {
+    return static_cast<uint64_t>(scenario_num("port4.delay", 2.5) * 1e9);
+}
+
 void take_sample(Kind k, uint64_t now) {
     if (k == Kind::garbage) {
-        send(noise_bytes(), now + sample_delay_ns);
+        send(noise_bytes(), now + sample_delay_ns());
         return;
     }
     std::string reply = scenario_str("port4.reply", "");
     if (reply.empty()) {
         reply = bath_line();
     }
-    send(reply + "\r\n", now + sample_delay_ns);
-    send("S>", now + sample_delay_ns);
+    send(reply + "\r\n", now + sample_delay_ns());
+    send("S>", now + sample_delay_ns());
 }
 
 void run_command(Kind k, uint64_t now) {

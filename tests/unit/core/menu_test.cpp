@@ -52,6 +52,7 @@ class MenuTest : public ::testing::Test {
                         sys_data.output = NORMAL;
                         sys_data.test_mode = 0;
                         sys_data.debug_flag = 1;
+                        dbg_flag = 1; // main() copies it at start-up; an earlier test may have cleared it
                         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
                         microSD_flg = 0;
                     }).returned);
@@ -279,6 +280,7 @@ TEST_F(MenuTest, ControllerKeysNeverNestTheMenuOrHoldItOpen) {
                         init();
                         wakeSource = wake_handler();
                         sys_data.debug_flag = 1;
+                        dbg_flag = 1; // main() copies it at start-up; an earlier test may have cleared it
                         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
                         sys_samp.state = IDLE;
                     }).returned);

@@ -160,6 +160,9 @@ TEST(UtcTest, ParsesAndFormatsTheTimeOption) {
     EXPECT_FALSE(sim::board::parse_utc("2026-01-01T00:00:00", t));
     EXPECT_FALSE(sim::board::parse_utc("2026-01-01 24:00:00", t));
     EXPECT_FALSE(sim::board::parse_utc("2026-01-01 00:00:00 extra", t));
+    EXPECT_TRUE(sim::board::parse_utc("2106-02-07 06:28:15", t)) << "the RTC's last second";
+    EXPECT_EQ(t, 4294967295u);
+    EXPECT_FALSE(sim::board::parse_utc("2106-02-07 06:28:16", t)) << "past 32 bits";
 }
 
 } // namespace
