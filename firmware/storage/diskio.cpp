@@ -278,6 +278,30 @@ bool read_register(uint8_t cmd, uint8_t* out) {
     return send_cmd(cmd, 0) == 0 && rcvr_datablock(out, 16);
 }
 
+// A command that no card answers (the card was taken out, or swapped for one that has not been
+// started in SPI mode) leaves the drive not initialised, so that the file system's next call starts
+// the card afresh: that call finds it gone (not ready) or works with the card now in the socket.
+void note_silence(uint8_t r1) {
+    if (r1 == 0xFF) {
+        Stat |= STA_NOINIT;
+    }
+}
+
+// The socket has no write-protect switch; a card is write-protected by its CSD's permanent or
+// temporary write-protect bit (bits 13 and 12). Knowing it up front lets every write the file system
+// plans fail as write-protected, before anything is written, instead of as a disk error.
+void note_write_protection() {
+    uint8_t csd[16];
+    SELECT();
+    bool read = read_register(CMD9, csd);
+    release_card();
+    if (read && (csd[14] & 0x30) != 0) {
+        Stat |= STA_PROTECT;
+    } else {
+        Stat &= static_cast<DSTATUS>(~STA_PROTECT);
+    }
+}
+
 DRESULT power_control(uint8_t* ptr) {
     switch (ptr[0]) {
     case 0:
@@ -337,6 +361,7 @@ DSTATUS disk_initialize(BYTE pdrv) {
     if (type != 0) {
         Stat &= static_cast<DSTATUS>(~STA_NOINIT);
         set_max_speed();
+        note_write_protection();
     } else {
         Stat |= STA_NOINIT; // also when a card that worked before stops answering
         power_off();
@@ -363,11 +388,12 @@ DRESULT disk_read(BYTE pdrv, BYTE* buff, LBA_t sector, UINT count) {
         address *= sector_size;
     }
     SELECT();
-    if (count == 1) {
-        if (send_cmd(CMD17, address) == 0 && rcvr_datablock(buff, sector_size)) {
+    uint8_t r1 = send_cmd(count == 1 ? CMD17 : CMD18, address);
+    if (r1 == 0 && count == 1) {
+        if (rcvr_datablock(buff, sector_size)) {
             count = 0;
         }
-    } else if (send_cmd(CMD18, address) == 0) {
+    } else if (r1 == 0) {
         while (count > 0 && rcvr_datablock(buff, sector_size)) {
             buff += sector_size;
             count--;
@@ -375,6 +401,7 @@ DRESULT disk_read(BYTE pdrv, BYTE* buff, LBA_t sector, UINT count) {
         send_cmd(CMD12, 0);
     }
     release_card();
+    note_silence(r1);
     return count == 0 ? RES_OK : RES_ERROR;
 }
 
@@ -393,15 +420,18 @@ DRESULT disk_write(BYTE pdrv, const BYTE* buff, LBA_t sector, UINT count) {
         address *= sector_size;
     }
     SELECT();
+    uint8_t r1 = 0;
     if (count == 1) {
-        if (send_cmd(CMD24, address) == 0 && xmit_datablock(buff, token_single)) {
+        r1 = send_cmd(CMD24, address);
+        if (r1 == 0 && xmit_datablock(buff, token_single)) {
             count = 0;
         }
     } else {
         if (CardType & card_sd) {
             send_cmd(ACMD23, count); // lets the card pre-erase the blocks
         }
-        if (send_cmd(CMD25, address) == 0) {
+        r1 = send_cmd(CMD25, address);
+        if (r1 == 0) {
             while (count > 0 && xmit_datablock(buff, token_multi)) {
                 buff += sector_size;
                 count--;
@@ -412,6 +442,7 @@ DRESULT disk_write(BYTE pdrv, const BYTE* buff, LBA_t sector, UINT count) {
         }
     }
     release_card();
+    note_silence(r1);
     return count == 0 ? RES_OK : RES_ERROR;
 }
 

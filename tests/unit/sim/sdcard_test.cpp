@@ -111,7 +111,7 @@ class CardModel : public ::testing::Test {
     static void ready_card(const char* type, const char* slot = "present") {
         sim::test::set_scenario("card.type", type);
         sim::test::set_scenario("card", slot);
-        ASSERT_EQ(disk_initialize(0), 0);
+        ASSERT_EQ(disk_initialize(0) & STA_NOINIT, 0);
         select_card(true);
         bytes(2);
     }
