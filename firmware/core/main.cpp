@@ -178,6 +178,20 @@ void keep_pending_wake(void) {
     sys_samp.nextWakeUp = next_slot_after(next, now, period);
 }
 
+// The watchdog ends a stall by pulling the reset line, the only external reset on the board
+// besides a person's reset button: such a start is said on the console and logged, so that a board
+// recovered from the sea tells how often it stalled. Power-up and hibernation wakes are not logged.
+void report_reset_line(void) {
+    uint32_t cause = SysCtlResetCauseGet();
+    SysCtlResetCauseClear(cause);
+    if ((cause & SYSCTL_CAUSE_EXT) == 0) {
+        return;
+    }
+    const char* text = "Reset by the watchdog or the reset line";
+    uprintf("\r\n%s\r\n", text);
+    error_store(text);
+}
+
 void dispatch_deployed(void) {
     if (wakeSource == WAKE_PIN) {
         deployed_pin_wake();
@@ -293,6 +307,7 @@ int main(void) {
 
     dbg_flag = sys_data.debug_flag;
     dbg_printf("\r\n***** BOARD_HXC = 3  HXC3 Tiva 123 + HXC3 baseboard *****\r\n");
+    report_reset_line();
     wakeSource = wake_handler();
 
     for (;;) {

@@ -415,6 +415,48 @@ void append_line_to_data_file() {
     }
 }
 
+// The first word of the hibernation module's battery-backed memory holds when a low supply was
+// last logged (0: not since the supply was last above the threshold). It survives hibernation and
+// resets, and costs no bus traffic on the samples that find the supply healthy.
+constexpr uint32_t low_supply_repeat_s = 24 * 3600;
+
+uint32_t low_supply_logged() {
+    uint32_t when = 0;
+    HibernateDataGet(&when, 1);
+    return when;
+}
+
+void set_low_supply_logged(uint32_t when) {
+    HibernateDataSet(&when, 1);
+}
+
+// A supply below the low-battery threshold is said on the console and logged when it is first seen,
+// then once a day while it stays low, so that a deployment that runs its batteries down leaves a
+// trace without filling the error log. Sampling goes on: the data are still worth having.
+void note_low_supply(float volts) {
+    float threshold = sys_data.low_batt_volt;
+    if (!(volts > 0.0f) || !(threshold > 0.0f)) {
+        return; // no supply reading (the monitor is not fitted), or no threshold set
+    }
+    uint32_t logged = low_supply_logged();
+    if (volts >= threshold) {
+        if (logged != 0) {
+            set_low_supply_logged(0);
+        }
+        return;
+    }
+    char text[80];
+    snprintf(text, sizeof text, "Low battery: %.2f V, below the %.2f V threshold", static_cast<double>(volts),
+             static_cast<double>(threshold));
+    uprintf("\r\n%s\r\n", text);
+    uint32_t now = HibernateRTCGet();
+    if (logged != 0 && now - logged < low_supply_repeat_s) {
+        return;
+    }
+    error_store(text);
+    set_low_supply_logged(now == 0 ? 1 : now);
+}
+
 } // namespace
 
 void get_sample(uint32_t printFlg, uint32_t writeFlg) {
@@ -511,6 +553,7 @@ void get_sample(uint32_t printFlg, uint32_t writeFlg) {
         append_line_to_data_file();
         diag("\r\nuSD writes   = %5u,   %5u");
     }
+    note_low_supply(sampl.fVbat_main);
     wait_consoleTx();
     diag("\r\nwait TX      = %5u,   %5u");
     sys_samp.current_sample++;

@@ -5,6 +5,8 @@
 //
 // Golden lines (golden/) are compared byte for byte. After a deliberate change of the line or of the
 // simulated bath, check the new text column by column, then rewrite them with HXC3_UPDATE_GOLDEN=1.
+#include "driverlib/hibernate.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -437,6 +439,46 @@ TEST_F(SampleCycleOnCard, ACardTooFullForTheLineKeepsNoneOfItAndLogsIt) {
     EXPECT_NE(card_file("ERROR.TXT").find("old entry\r\n\r\n2026/01/01 00:00:0"), std::string::npos);
     EXPECT_NE(card_file("ERROR.TXT").find(" f_write error: card full"), std::string::npos);
     EXPECT_EQ(std::system(("fsck.fat -n " + image + " >/dev/null 2>&1").c_str()), 0);
+}
+
+// A sagging supply is said after every line, but logged when first seen and then once a day, so a
+// deployment that runs its batteries down does not fill the error log; a recovery re-arms the log.
+TEST_F(SampleCycleOnCard, ALowSupplyIsLoggedWhenFirstSeenThenDaily) {
+    auto entries = [&] {
+        std::string log = card_file("ERROR.TXT");
+        size_t n = 0;
+        for (size_t at = log.find("Low battery: "); at != std::string::npos;
+             at = log.find("Low battery: ", at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    auto later = [](uint32_t seconds) { HibernateRTCSet(HibernateRTCGet() + seconds); };
+    sim::test::set_scenario("board.vbat", "8.0");
+    clear_out();
+    get_sample(1, 1);
+    EXPECT_NE(out().find("\r\nLow battery: 8.00 V, below the 9.20 V threshold\r\n"), std::string::npos)
+        << out();
+    later(23 * 3600);
+    get_sample(1, 1);
+    EXPECT_EQ(entries(), 1u);
+    later(3600);
+    get_sample(1, 1);
+    EXPECT_EQ(entries(), 2u) << "a day after the first entry";
+
+    sim::test::set_scenario("board.vbat", "12.0");
+    clear_out();
+    get_sample(1, 1);
+    EXPECT_EQ(out().find("Low battery"), std::string::npos);
+    sim::test::set_scenario("board.vbat", "8.0");
+    get_sample(1, 1);
+    EXPECT_EQ(entries(), 3u) << "a new sag is logged at once";
+
+    sys_data.low_batt_volt = 0.0f; // no threshold: nothing to warn about
+    clear_out();
+    get_sample(1, 1);
+    EXPECT_EQ(out().find("Low battery"), std::string::npos);
+    EXPECT_EQ(entries(), 3u);
 }
 
 TEST_F(SampleCycleOnCard, SnapshotThenNewSample) {
