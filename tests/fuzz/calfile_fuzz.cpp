@@ -133,14 +133,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0 || size > 4096) {
         return -1;
     }
-    fuzz::keep_board_on();
-    sim::test::clear_console_output();
     g_data = data + 1;
     g_size = size - 1;
     if ((data[0] & 1) == 0) {
+        fuzz::keep_board_on();
+        sim::test::clear_console_output();
         fuzz_packet();
-    } else {
-        fuzz_answer(data[0] >> 1);
+        return 0;
     }
+    // A question starts from a new board: nothing typed for an earlier one may still be on its way.
+    fuzz::start_board();
+    fuzz_answer(data[0] >> 1);
     return 0;
 }
