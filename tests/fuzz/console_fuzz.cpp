@@ -3,6 +3,7 @@
 // operator menus, the configuration and test menus. A 0xFF byte is a pause (the menus discard
 // what was typed before they were shown). Every input starts from a new factory board, and the
 // board runs for a bounded stretch of virtual time after the last byte.
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -42,6 +43,27 @@ double type_input(const uint8_t* data, size_t size) {
     return at;
 }
 
+// What the settings' commands and menu entries accept; the factory settings hold it too, so no typed
+// input may leave a setting outside it.
+void check_settings(void) {
+    char name[sizeof sys_data.fileName + 1] = {};
+    memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
+    fuzz::check(valid_8_3_name(name), "the data file name is not an 8.3 name");
+    fuzz::check(sys_data.sampling_period <= 3600, "the sampling period is over an hour");
+    fuzz::check(sys_data.app_cfg[APPCFG_MICROSD_ENABLE] <= 1, "the card logging switch is neither 0 nor 1");
+    fuzz::check(sys_data.app_cfg[APPCFG_EXEC_SWITCHERONI] <= 2, "the deployed wake mode is outside 0..2");
+    for (uint32_t i = 0; i <= CFG_BRD_HUMIDITY; ++i) {
+        uint8_t most = i == CFG_TIMESTAMP ? 2 : 1;
+        fuzz::check(sys_data.data_cfg[i] <= most, "a data column switch is outside its values");
+    }
+    for (float k : sys_data.K2_Cal) {
+        fuzz::check(std::isfinite(k), "a k2 coefficient is not finite");
+    }
+    for (float f : sys_data.fP_Cal) {
+        fuzz::check(std::isfinite(f), "an fP coefficient is not finite");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -55,8 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     fuzz::factory_board();
     double typed_s = type_input(data, size);
-    sim::test::Outcome o = fuzz::run_for([] { hxc3_main(); }, typed_s + SETTLE_S);
+    sim::test::Outcome o = fuzz::run_watched([] { hxc3_main(); }, typed_s + SETTLE_S);
     fuzz::check(!o.returned, "main returned");
     fuzz::check(o.event != sim::PowerEvent::watchdog, "the watchdog reset the board");
+    fuzz::check(sim::test::console_output().find("Crash!!!") == std::string::npos, "the firmware faulted");
+    check_settings();
     return 0;
 }

@@ -144,6 +144,30 @@ sim::test::Outcome run_for(void (*fn)(), double seconds) {
     return o;
 }
 
+namespace {
+
+uint64_t g_watch_from;
+
+void watch(uint64_t now) {
+    uint64_t deadline = sim::watchdog_deadline_ns();
+    constexpr uint64_t timeout = 60 * sim::ns_per_s;
+    bool fed_lately =
+        deadline == UINT64_MAX || deadline < timeout || now - (deadline - timeout) < sim::ns_per_s;
+    if (now >= g_watch_from && fed_lately) {
+        sim::power_off(sim::PowerEvent::end);
+    }
+}
+
+} // namespace
+
+sim::test::Outcome run_watched(void (*fn)(), double seconds) {
+    g_watch_from = sim::now_ns() + static_cast<uint64_t>(seconds * sim::ns_per_s);
+    sim::test::set_poll(watch, 10 * sim::ns_per_ms);
+    sim::test::Outcome o = sim::test::run(fn);
+    sim::test::set_poll(nullptr, 0);
+    return o;
+}
+
 void check(bool ok, const char* what) {
     if (ok) {
         return;

@@ -41,6 +41,11 @@ void keep_board_on(void);
 // (PowerEvent::end) and comes back here.
 sim::test::Outcome run_for(void (*fn)(), double seconds);
 
+// Like run_for, but a board that has not fed its watchdog for a second when the time is up runs on
+// until it does (then the period ends), or until the watchdog resets it: a hang is seen whole, while
+// a board that keeps feeding costs only the time given.
+sim::test::Outcome run_watched(void (*fn)(), double seconds);
+
 // Aborts with the message (and the tail of the console output) when ok is false: how a harness
 // reports a broken invariant, so libFuzzer keeps the input.
 void check(bool ok, const char* what);

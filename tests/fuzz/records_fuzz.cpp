@@ -30,7 +30,7 @@ void start(sim::WakeSource src) {
     if (src != sim::WakeSource::power) {
         sim::test::power_on(src);
     }
-    sim::test::Outcome o = fuzz::run_for([] { hxc3_main(); }, RUN_S);
+    sim::test::Outcome o = fuzz::run_watched([] { hxc3_main(); }, RUN_S);
     fuzz::check(!o.returned, "main returned");
     fuzz::check(o.event != sim::PowerEvent::watchdog, "the watchdog reset the board");
     fuzz::check(sim::test::console_output().find("Crash!!!") == std::string::npos, "the firmware faulted");
