@@ -1,13 +1,14 @@
 # Thin front end over the CMake presets. See README.md.
-.PHONY: run test target flash bench powercut soak host host-release deps clean
+.PHONY: run test target flash bench powercut soak fuzz fuzz-build host host-release deps clean
 
 run:
 	cmake --preset host >/dev/null
 	cmake --build --preset host --target hxc3-sim
 	./build/host/hxc3-sim $(ARGS)
 
-test: deps host target
+test: deps host target fuzz-build
 	ctest --preset host
+	ctest --preset fuzz
 
 target:
 	cmake --preset target >/dev/null
@@ -34,6 +35,18 @@ soak:
 	cmake --preset host-release >/dev/null
 	cmake --build --preset host-release --target hxc3-sim
 	python3 tests/soak/soak.py --sim build/host-release/hxc3-sim --days 365
+
+# Every harness for FUZZ_SECONDS each (make test replays their corpora and runs a few new inputs).
+FUZZ_SECONDS ?= 60
+fuzz: fuzz-build
+	@status=0; for h in build/fuzz/tests/fuzz/*_fuzz; do \
+	  name=$$(basename $$h _fuzz); \
+	  tests/fuzz/run_fuzz.sh long $$h tests/fuzz $$name $(FUZZ_SECONDS) || status=1; \
+	done; exit $$status
+
+fuzz-build:
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
 
 host:
 	cmake --preset host >/dev/null

@@ -2,7 +2,8 @@
 # Installs the Debian packages the build and the tests need, when run as root and something is missing.
 set -u
 pkgs="cmake g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev gcc-arm-none-eabi libnewlib-arm-none-eabi
-      libstdc++-arm-none-eabi-dev dosfstools mtools lrzsz libunicorn-dev pkg-config lm4flash"
+      libstdc++-arm-none-eabi-dev dosfstools mtools lrzsz libunicorn-dev pkg-config lm4flash
+      clang-14 libclang-rt-14-dev"
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

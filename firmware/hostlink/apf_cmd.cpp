@@ -33,6 +33,13 @@ constexpr uint32_t PH_LINE_START = 7;
 constexpr uint32_t SENDLAST_MAX = 1535;
 // How long the controller has to acknowledge the CTD reply.
 constexpr uint32_t CTD_ACK_TIMEOUT_MS = 3000;
+// What the float's CTD can report: water temperature (degC), practical salinity and depth (dbar).
+// The values reach the pH equations, so anything else is a garbled line.
+constexpr float CTD_TEMP_MIN = -5.0f;
+constexpr float CTD_TEMP_MAX = 60.0f;
+constexpr float CTD_SAL_MAX = 60.0f;
+constexpr float CTD_DEPTH_MIN = -10.0f;
+constexpr float CTD_DEPTH_MAX = 12000.0f;
 
 bool apf_log_open = false;
 
@@ -57,10 +64,31 @@ const char* line(void) {
     return reinterpret_cast<const char*>(rx0.buf);
 }
 
-// The text after the first comma of the line, or nullptr when there is none.
-const char* after_comma(void) {
-    const char* comma = strchr(line(), ',');
-    return comma != nullptr ? comma + 1 : nullptr;
+// The argument of "word,n": the text after the comma that must follow the word's word_len letters
+// (nullptr without it). A line that only begins with the word, such as "typed", sets nothing.
+const char* argument(size_t word_len) {
+    return rx0.buf[word_len] == ',' ? line() + word_len + 1 : nullptr;
+}
+
+// A whole number of seconds that fits the clock, from at most ten digits: the position after them,
+// or nullptr when there are none or the number does not fit (a sign is no digit).
+const char* read_seconds(const char* text, uint32_t* seconds) {
+    uint64_t value = 0;
+    size_t n = 0;
+    while (n < 10 && text[n] >= '0' && text[n] <= '9') {
+        value = value * 10 + static_cast<uint64_t>(text[n] - '0');
+        n++;
+    }
+    if (n == 0 || value > 0xFFFFFFFFull) {
+        return nullptr;
+    }
+    *seconds = static_cast<uint32_t>(value);
+    return text + n;
+}
+
+// False for NaN as well.
+bool in_range(float v, float lo, float hi) {
+    return v >= lo && v <= hi;
 }
 
 unsigned long rtc_now(void) {
@@ -157,7 +185,8 @@ void apf_get_sensor_type(void) {
 
 // "type,n": only 1 to 4 are sensor types; anything else keeps the type and still answers with it.
 void apf_set_sensor_type(void) {
-    uint8_t type = rx0.buf[5] & 0x0F;
+    const char* arg = argument(4);
+    uint8_t type = arg != nullptr ? (*arg & 0x0F) : 0;
     if (type >= 1 && type <= 4) {
         apf.sys_sensor_type = type;
         fram_apf_vars_store();
@@ -177,7 +206,7 @@ void apf_init_persistent_vars(void) {
 // before the reply: the FRAM write holds interrupts off, and a controller may answer the reply at
 // once.
 void apf_set_int_time(void) {
-    const char* arg = after_comma();
+    const char* arg = argument(4);
     unsigned value = 0;
     if (arg == nullptr || !isdigit(static_cast<unsigned char>(*arg)) || sscanf(arg, "%6u", &value) != 1) {
         uprintf("NAK,TINT,FormatErr");
@@ -200,7 +229,7 @@ void apf_get_int_time(void) {
 }
 
 void apf_set_mode(void) {
-    const char* arg = after_comma();
+    const char* arg = argument(4);
     if (arg == nullptr || !isdigit(static_cast<unsigned char>(*arg))) {
         uprintf("NAK,MODE,FormatErr");
         return;
@@ -226,18 +255,13 @@ void apf_set_rtc(void) {
     char text[15];
     memcpy(text, rx0.buf, 14);
     text[14] = '\0';
-    const char* digits = text + 4;
-    size_t n = 0;
-    uint64_t value = 0;
-    while (digits[n] >= '0' && digits[n] <= '9') {
-        value = value * 10 + static_cast<uint64_t>(digits[n] - '0');
-        n++;
-    }
-    if (text[3] != ',' || n == 0 || digits[n] != '\0' || value > 0xFFFFFFFFull) {
+    uint32_t value = 0;
+    const char* end = read_seconds(text + 4, &value);
+    if (text[3] != ',' || end == nullptr || *end != '\0') {
         uprintf("NAK,RTC,FormatErr");
         return;
     }
-    HibernateRTCSet(static_cast<uint32_t>(value));
+    HibernateRTCSet(value);
     uprintf("ACK,%u,%u", static_cast<unsigned>(value), static_cast<unsigned>(HibernateRTCGet()));
 }
 
@@ -246,21 +270,29 @@ void apf_get_rtc(void) {
 }
 
 // "ctd,time,temperature,salinity,depth". The values are kept only when the controller acknowledges
-// the echo: an unacknowledged echo may have carried a garbled line.
+// the echo: an unacknowledged echo may have carried a garbled line. Numbers the CTD cannot report
+// (nan, inf, out of the water's range) are refused before the echo.
 void apf_set_ctd(void) {
-    unsigned long ctd_time = 0;
+    uint32_t ctd_time = 0;
     float temp = 0.0f;
     float sal = 0.0f;
     float depth = 0.0f;
-    if (sscanf(line(), "ctd,%10lu,%15f,%15f,%15f", &ctd_time, &temp, &sal, &depth) != 4) {
+    const char* arg = argument(3);
+    const char* rest = arg != nullptr ? read_seconds(arg, &ctd_time) : nullptr;
+    if (rest == nullptr || sscanf(rest, ",%15f,%15f,%15f", &temp, &sal, &depth) != 3) {
         uprintf("NAK,CTD,FormatErr");
         return;
     }
-    uprintf("ACK,CTD,%lu,%.4f,%.4f,%.2f", ctd_time, static_cast<double>(temp), static_cast<double>(sal),
-            static_cast<double>(depth));
+    if (!in_range(temp, CTD_TEMP_MIN, CTD_TEMP_MAX) || !in_range(sal, 0.0f, CTD_SAL_MAX) ||
+        !in_range(depth, CTD_DEPTH_MIN, CTD_DEPTH_MAX)) {
+        uprintf("NAK,CTD,RangeErr");
+        return;
+    }
+    uprintf("ACK,CTD,%lu,%.4f,%.4f,%.2f", static_cast<unsigned long>(ctd_time), static_cast<double>(temp),
+            static_cast<double>(sal), static_cast<double>(depth));
     wait_consoleTx();
     if (waitACK(CTD_ACK_TIMEOUT_MS) == 1) {
-        apf.CTD_Time = static_cast<uint32_t>(ctd_time);
+        apf.CTD_Time = ctd_time;
         apf.CTD_Temp = temp;
         apf.CTD_Salinity = sal;
         apf.CTD_Depth = depth;
@@ -463,7 +495,7 @@ void apf_print_devStatus(void) {
 
 // "dbg" toggles the debug output, "dbg,0" and "dbg,1" set it.
 void apf_dbg(void) {
-    const char* arg = after_comma();
+    const char* arg = argument(3);
     if (arg == nullptr) {
         dbg_flag = dbg_flag == 0 ? 1 : 0;
     } else if (*arg == '0' || *arg == '1') {

@@ -122,6 +122,11 @@ void ctd_aand5860_parseData(void) {
         cond = 0.0f;
         temp = 0.0f;
         sal = 0.0f;
+    } else if (!ctd_reading_plausible(temp, sal)) {
+        uprintf("\r\nError:  Aanderaa 5860 reply out of range.  TempC and salt are 0.0\r\n");
+        cond = 0.0f;
+        temp = 0.0f;
+        sal = 0.0f;
     }
     ctd.condo = cond;
     ctd.tempC = temp;

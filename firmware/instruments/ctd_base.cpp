@@ -13,6 +13,10 @@
 namespace {
 
 constexpr uint32_t ctd_baud = 9600;
+// The widest ranges of the CTDs the port takes: water from -5 to 60 degC, salinity up to 60.
+constexpr float ctd_temp_min = -5.0f;
+constexpr float ctd_temp_max = 60.0f;
+constexpr float ctd_sal_max = 60.0f;
 constexpr uint32_t ctd_uart_clock = 16000000;
 // SysCtlDelay spends three cycles per count: 1667 counts are 100 us at 50 MHz.
 constexpr uint32_t idle_pause_counts = 1667;
@@ -66,6 +70,11 @@ void ctd_write(const char* text) {
         len++;
     }
     uart4_write(text, len);
+}
+
+bool ctd_reading_plausible(float tempC, float salinity) {
+    // Comparisons with NaN are false, so NaN fails both.
+    return tempC >= ctd_temp_min && tempC <= ctd_temp_max && salinity >= 0.0f && salinity <= ctd_sal_max;
 }
 
 uint32_t ctd_rx_buf_size(void) {

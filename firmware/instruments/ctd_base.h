@@ -60,6 +60,10 @@ uint32_t ctd_rx_buf_size(void);
 uint32_t ctd_tx_buf_size(void);
 // Replaces the port-4 text (bounded by its buffer).
 void ctd_set_text(const char* text);
+// Whether a parsed reply holds a temperature (degC) and salinity the instruments can measure: a
+// garbled line can still scan as numbers (nan, inf, 1e30) that must not reach the pH equations.
+bool ctd_reading_plausible(float tempC, float salinity);
+
 // 10 ms ticks since `since` (wraps with the counter).
 uint32_t ctd_ticks_since(uint32_t since);
 

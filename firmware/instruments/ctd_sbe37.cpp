@@ -109,6 +109,10 @@ void ctd_sbe37_parseData(void) {
                 ctd.state);
         temp = 0.0f;
         sal = 0.0f;
+    } else if (!ctd_reading_plausible(temp, sal)) {
+        uprintf("\r\nError:  MicroCat reply out of range.  TempC and salt are 0.0\r\n");
+        temp = 0.0f;
+        sal = 0.0f;
     }
     ctd.salt = sal;
     ctd.tempC = temp;

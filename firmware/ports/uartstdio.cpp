@@ -122,16 +122,22 @@ uint32_t tx_fill_fifo() {
     return moved;
 }
 
+bool is_line_end(uint8_t c) {
+    return c == '\r' || c == '\n';
+}
+
+// A full ring loses the byte, as a full hardware FIFO would; but a line end then takes the place of
+// the last byte, so that a line longer than the ring still ends (cut short) and the menu or command
+// reading it is not left waiting for an end that was dropped.
 void rx_store(uint8_t c) {
     if (rx_count() >= UART_RX_BUFFER_SIZE) {
-        return; // ring full: the byte is lost, as with a full hardware FIFO
+        if (is_line_end(c)) {
+            rx_buf[(rx_head - 1) & rx_mask] = c;
+        }
+        return;
     }
     rx_buf[rx_head & rx_mask] = c;
     rx_head = rx_head + 1;
-}
-
-bool is_line_end(uint8_t c) {
-    return c == '\r' || c == '\n';
 }
 
 // Line editing while echo is on: backspace takes back the last character of the line being typed, a CR,

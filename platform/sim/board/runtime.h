@@ -144,8 +144,8 @@ struct Host {
     // Called every poll_interval_ns of virtual time: terminal input, pacing against the wall clock.
     void (*poll)(uint64_t now);
     uint64_t poll_interval_ns; // 0: never
-    // Ends the power-on period.
-    [[noreturn]] void (*power_off)(PowerEvent ev);
+    // Ends the power-on period; never returns (the attribute cannot be spelled on a pointer).
+    void (*power_off)(PowerEvent ev);
 };
 void set_host(const Host& h);
 // The script the world plays (null: none). It is read-only; its running state is in shared().

@@ -151,6 +151,10 @@ Outcome drain_console() {
         nullptr);
 }
 
+void set_poll(void (*poll)(uint64_t now_ns), uint64_t interval_ns) {
+    set_host(Host{collect, poll, poll != nullptr ? interval_ns : 0, off});
+}
+
 bool set_scenario(const std::string& key, const std::string& value) {
     std::string why;
     if (!scenario_check(key, value, why)) {

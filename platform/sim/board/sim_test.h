@@ -43,6 +43,10 @@ Outcome advance_s(double seconds);
 // transmit buffer (a few character times of silence).
 Outcome drain_console();
 
+// Calls poll every interval_ns of virtual time while the board runs (null: never), as the world
+// around the board would act: a peer on a serial port, a check on the firmware's progress.
+void set_poll(void (*poll)(uint64_t now_ns), uint64_t interval_ns);
+
 // Sets a scenario value as scenario.ini or the script's `set` would; false (said why) when refused.
 bool set_scenario(const std::string& key, const std::string& value);
 

@@ -244,6 +244,20 @@ TEST_F(FloatCommands, SensorTypeOnlyOneToFour) {
     EXPECT_EQ(reply(apf_set_sensor_type, "TYPE,A"), "ACK,Q,1");
 }
 
+// A word that is only the beginning of a longer one ("typed", "modest") carries no argument: the
+// setting stays as it was.
+TEST_F(FloatCommands, WordsWithoutTheirCommaSetNothing) {
+    apf.sys_sensor_type = 3;
+    apf.sys_sensor_mode = 2;
+    apf.isus_spec_period = 400;
+    EXPECT_EQ(reply(apf_set_sensor_type, "TYPEDB"), "ACK,Q,3");
+    EXPECT_EQ(reply(apf_set_mode, "MODEST,1"), "NAK,MODE,FormatErr");
+    EXPECT_EQ(reply(apf_set_int_time, "TINTS,40"), "NAK,TINT,FormatErr");
+    EXPECT_EQ(apf.sys_sensor_type, 3);
+    EXPECT_EQ(apf.sys_sensor_mode, 2u);
+    EXPECT_EQ(apf.isus_spec_period, 400u);
+}
+
 TEST_F(FloatCommands, ClockSetFromTheLine) {
     EXPECT_EQ(reply(apf_set_rtc, "RTC,1767300000"), "ACK,1767300000,1767300000");
     EXPECT_EQ(HibernateRTCGet(), 1767300000u);
@@ -309,6 +323,23 @@ TEST_F(FloatCommands, CtdClearedWithoutAck) {
     // A line with fields missing is refused without waiting and without touching the values.
     EXPECT_EQ(reply(apf_set_ctd, "CTD,12,3.5"), "NAK,CTD,FormatErr");
     EXPECT_EQ(apf.sys_error_ctr, 1u);
+}
+
+// Numbers the CTD cannot report are refused before the echo, so no acknowledgement can store them;
+// a time must be a whole number of seconds that fits the clock.
+TEST_F(FloatCommands, CtdRefusesWhatNoCtdReports) {
+    apf.CTD_Time = 5;
+    apf.CTD_Temp = 10.0f;
+    for (const char* bad : {"CTD,1,nan,35,10", "CTD,1,15,inf,10", "CTD,1,61,35,10", "CTD,1,-6,35,10",
+                            "CTD,1,15,-0.5,10", "CTD,1,15,60.5,10", "CTD,1,15,35,1e30", "CTD,1,15,35,-11"}) {
+        EXPECT_EQ(reply(apf_set_ctd, bad), "NAK,CTD,RangeErr") << bad;
+    }
+    for (const char* bad :
+         {"CTD,-1,15,35,10", "CTD,+1,15,35,10", "CTD,4294967296,15,35,10", "CTDX,1,15,35,10"}) {
+        EXPECT_EQ(reply(apf_set_ctd, bad), "NAK,CTD,FormatErr") << bad;
+    }
+    EXPECT_EQ(apf.CTD_Time, 5u);
+    EXPECT_EQ(apf.CTD_Temp, 10.0f);
 }
 
 TEST_F(FloatCommands, SendLastBeforeAnySample) {

@@ -138,6 +138,15 @@ TEST_F(CtdAand5860, ShortOrEndlessRepliesDoNotStandAsData) {
     EXPECT_STREQ(uart4_prn_buf, "ST7: error in ctd driver bufIndx exceeds buf size, ctd");
 }
 
+TEST_F(CtdAand5860, ReplyOutOfRangeIsNoData) {
+    int state = start();
+    state = reply(state, "5860\t1234\tnan\tnan\tnan\t1025.3\t1498.7\r\n");
+    EXPECT_EQ(state, 0);
+    EXPECT_EQ(ctd.tempC, 0.0f);
+    EXPECT_EQ(sys_samp.sensor_sal, 0.0f);
+    EXPECT_NE(out().find("Aanderaa 5860 reply out of range"), std::string::npos) << out();
+}
+
 TEST_F(CtdAand5860, OtherCtdTypeIsRefusedAtOnce) {
     sys_data.data_cfg[CFG_UART4_INST] = 6;
     EXPECT_EQ(ctd_aand5860_stateMachine(1), 0);

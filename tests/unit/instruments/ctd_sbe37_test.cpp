@@ -191,6 +191,20 @@ TEST_F(CtdSbe37, UnparsableReplyGivesSalinityZero) {
               "salt are 0.0\r\n");
 }
 
+// Numbers no MicroCAT reports (a garbled line can still scan) are refused like an unparsable reply.
+TEST_F(CtdSbe37, ReplyOutOfRangeGivesSalinityZero) {
+    for (const char* bad : {"nan,4,35,0,0", "15,4,inf,0,0", "15,4,61,0,0", "15,4,-1,0,0", "99,4,35,0,0"}) {
+        SCOPED_TRACE(bad);
+        sim::test::clear_console_output();
+        sim::test::set_scenario("port4.reply", bad);
+        pass();
+        EXPECT_EQ(ctd.salt, 0.0f);
+        EXPECT_EQ(ctd.tempC, 0.0f);
+        EXPECT_EQ(sys_samp.sensor_sal, 0.0f);
+        EXPECT_NE(out().find("MicroCat reply out of range"), std::string::npos) << out();
+    }
+}
+
 TEST_F(CtdSbe37, OtherCtdTypeIsRefusedAtOnce) {
     sys_data.data_cfg[CFG_UART4_INST] = 7;
     EXPECT_EQ(ctd_sbe37_stateMachine(1), 0);

@@ -224,6 +224,25 @@ TEST_F(Console, ReceiveRingKeepsTheOldestBytesWhenFull) {
     EXPECT_EQ(got, typed.substr(0, UART_RX_BUFFER_SIZE));
 }
 
+// A line longer than the ring still ends where it was typed to end: its end replaces the last byte
+// kept, with echo on and off, so a reader waiting for the end is not left waiting.
+TEST_F(Console, LineEndThatFindsTheRingFullStillEndsTheLine) {
+    for (bool echo : {true, false}) {
+        SCOPED_TRACE(echo ? "echo on" : "echo off");
+        UARTEchoSet(echo);
+        std::string typed = numbered_text(UART_RX_BUFFER_SIZE + 40);
+        type_and_settle(typed + "\r");
+        ASSERT_EQ(UARTRxBytesAvail(), static_cast<int>(UART_RX_BUFFER_SIZE));
+        EXPECT_EQ(UARTPeek('\r'), static_cast<int>(UART_RX_BUFFER_SIZE - 1));
+        char buf[16];
+        EXPECT_EQ(UARTgets(buf, sizeof buf), 15);
+        EXPECT_EQ(UARTrdy(), 0) << "the whole cut line was taken";
+        type_and_settle("next\r");
+        EXPECT_EQ(UARTgets(buf, sizeof buf), 4);
+        EXPECT_STREQ(buf, "next");
+    }
+}
+
 // ---------------------------------------------------------------- file system result names
 
 TEST(FresultNames, EveryResultHasItsName) {
