@@ -10,11 +10,14 @@
 //   SSI3   PD0 CLK, PD2 RX, PD3 TX   isolated ADC; PD1 its chip select (GPIO output). The ADC
 //          driver hands PD0/PD2/PD3 to SSI3 while the isolated side is powered; until then they
 //          idle as in its power-down: PD0, PD1, PD3 driven low, PD2 an input
-//   UART6  PD4 RX, PD5 TX
-//   UART2  PD6 RX, PD7 TX
+//   UART6  PD4 RX, PD5 TX           spare instrument port
+//   UART2  PD6 RX, PD7 TX           spare instrument port
 //   PE0 isolated supply enable (low: off), PE1 ADC data-ready (input), PE2 ADC START, PE3 ADC
 //          reset (outputs, high)
-//   UART5  PE4 RX, PE5 TX
+//   PE4 serial flash chip 1 select (output, high), PE5 serial flash supply (output, low: off)
+//
+// UART5 (PE4/PE5) and UART7 (PE0/PE1) have no other pins on this package; the board needs those
+// lines, so the two UARTs are not brought out.
 //   PF0 watchdog enable, PF1 watchdog feed, PF2 red LED, PF3 green LED (outputs)
 //
 // PC0-PC3 stay JTAG. PD7 and PF0 come out of reset locked (NMI pins): their function and digital
@@ -87,7 +90,8 @@ void port_e(void) {
     GPIOPinTypeGPIOOutput(GPIO_PORTE_BASE, GPIO_PIN_0 | GPIO_PIN_2 | GPIO_PIN_3);
     GPIOPinWrite(GPIO_PORTE_BASE, GPIO_PIN_0 | GPIO_PIN_2 | GPIO_PIN_3, GPIO_PIN_2 | GPIO_PIN_3);
     GPIOPinTypeGPIOInput(GPIO_PORTE_BASE, GPIO_PIN_1);
-    uart_pins(GPIO_PE4_U5RX, GPIO_PE5_U5TX, GPIO_PORTE_BASE, GPIO_PIN_4 | GPIO_PIN_5);
+    GPIOPinTypeGPIOOutput(GPIO_PORTE_BASE, GPIO_PIN_4 | GPIO_PIN_5);
+    GPIOPinWrite(GPIO_PORTE_BASE, GPIO_PIN_4 | GPIO_PIN_5, GPIO_PIN_4);
 }
 
 void port_f(void) {

@@ -6,13 +6,17 @@
 // "do sample". The reply must start within 2.5 s, and once it has started, no gap between two
 // characters may exceed 50 ms: the sensor sends its line in one piece, so a gap means a broken
 // line. The reply may use the whole text buffer; carriage returns are dropped, the line feed ends it.
+// The line's seven columns are the reply's seven numbers as the sensor wrote them; a failed pass
+// leaves them empty and says why on the console and in the error log.
 #include "instruments/ctd_aand5860.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "core/system.h"
 #include "core/timebase.h"
 #include "instruments/ctd_base.h"
+#include "instruments/inst_text.h"
 #include "ports/uartstdio.h"
 
 namespace {
@@ -28,7 +32,7 @@ constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf s
 uint32_t last_char_ms = 0;
 
 int fail(const char* text) {
-    ctd_set_text(text);
+    ctd_report_failure(text);
     ctd_close();
     ctd.type = CTD_TYPE_NONE;
     ctd.state = CTD_STATE_FAILED;
@@ -53,9 +57,6 @@ int store(uint8_t c) {
     uart4_prn_buf[ctd.bufIndx] = '\0';
     if (ctd.bufIndx >= reply_window) {
         ctd.bufIndx = reply_window - 1;
-        if (sys_data.diag != 0) {
-            uprintf("\r\nST7: error in ctd driver bufIndx exceeds buf size, ctd\r\n");
-        }
         UARTFlushTx(false);
         return fail(too_long_text);
     }
@@ -80,9 +81,7 @@ int receive(void) {
         return fail(no_sample_text);
     }
     if (!started && ctd_ticks_since(ctd.old_tick10ms) >= reply_timeout_ticks) {
-        uprintf(
-            "\r\nNo CTD response in 2.5sec, statemachine pumping too slow or instrument not connected\r\n");
-        return fail(no_sample_text);
+        return fail("No CTD response in 2.5sec, statemachine pumping too slow or instrument not connected");
     }
     ctd_idle();
     return CTD_STATE_RECEIVE;
@@ -105,25 +104,33 @@ int ctd_aand5860_stateMachine(int state) {
 }
 
 void ctd_aand5860_parseData(void) {
-    unsigned product = 0;
-    unsigned serial = 0;
-    float cond = 0.0f;
-    float temp = 0.0f;
-    float sal = 0.0f;
-    float density = 0.0f;
-    float sound = 0.0f;
-    int n = sscanf(uart4_prn_buf, "%u %u %f %f %f %f %f", &product, &serial, &cond, &temp, &sal, &density,
-                   &sound);
-    if (n != 7) {
-        uprintf("\r\nError:  sscanf for parsing Aanderaa 5860 does not return 7 args.  ctd.state = %d.  "
-                "TempC and "
-                "salt are 0.0\r\n",
-                ctd.state);
-        cond = 0.0f;
-        temp = 0.0f;
-        sal = 0.0f;
+    char reply[UART4_PRN_BUF_SIZE];
+    snprintf(reply, sizeof reply, "%s", uart4_prn_buf);
+    char* f[CTD_AAND5860_FIELDS + 1];
+    uint32_t n = inst_split(reply, " \t", f, CTD_AAND5860_FIELDS);
+    bool parsed = n == CTD_AAND5860_FIELDS && inst_is_integer(f[0]) && inst_is_integer(f[1]);
+    for (uint32_t i = 2; parsed && i < n; i++) {
+        parsed = inst_is_number(f[i]);
+    }
+    float cond = parsed ? strtof(f[2], nullptr) : 0.0f;
+    float temp = parsed ? strtof(f[3], nullptr) : 0.0f;
+    float sal = parsed ? strtof(f[4], nullptr) : 0.0f;
+    if (!parsed) {
+        char text[128];
+        snprintf(text, sizeof text,
+                 "Error:  sscanf for parsing Aanderaa 5860 does not return 7 args.  ctd.state = %d.  TempC "
+                 "and salt "
+                 "are 0.0",
+                 ctd.state);
+        ctd_report_failure(text);
     } else if (!ctd_reading_plausible(temp, sal)) {
-        uprintf("\r\nError:  Aanderaa 5860 reply out of range.  TempC and salt are 0.0\r\n");
+        parsed = false;
+        ctd_report_failure("Error:  Aanderaa 5860 reply out of range.  TempC and salt are 0.0");
+    } else {
+        inst_join_fields(uart4_prn_buf, sizeof uart4_prn_buf, f, CTD_AAND5860_FIELDS);
+        ctd_report_success();
+    }
+    if (!parsed) {
         cond = 0.0f;
         temp = 0.0f;
         sal = 0.0f;

@@ -4,14 +4,17 @@
 
 #include <cstdio>
 
+#include "core/fault_note.h"
 #include "core/system.h"
 #include "core/timebase.h"
 #include "driverlib/sysctl.h"
+#include "instruments/inst_text.h"
 #include "ports/uarts.h"
 #include "ports/uartstdio.h"
 
 namespace {
 
+constexpr uint32_t ctd_port = 4;
 constexpr uint32_t ctd_baud = 9600;
 // The widest ranges of the CTDs the port takes: water from -5 to 60 degC, salinity up to 60.
 constexpr float ctd_temp_min = -5.0f;
@@ -25,10 +28,11 @@ constexpr uint32_t idle_pause_counts = 1667;
 
 ctdDriver ctd = {};
 char uart4_prn_buf[UART4_PRN_BUF_SIZE] = {};
+char ctd_message[128] = {};
 
 void ctd_init(void) {
-    uart4_init(ctd_baud, ctd_uart_clock);
-    uart4_echo_set(false);
+    uart_init(ctd_port, ctd_baud, ctd_uart_clock);
+    uart_echo_set(ctd_port, false);
 }
 
 void ctd_open(void) {
@@ -40,16 +44,16 @@ void ctd_open(void) {
 void ctd_close(void) {}
 
 uint8_t ctd_getc(void) {
-    int32_t c = uart4_getc();
+    int32_t c = uart_getc(ctd_port);
     return c < 0 ? 0 : static_cast<uint8_t>(c);
 }
 
 uint32_t ctd_rx_avail(void) {
-    return uart4_rx_avail();
+    return uart_rx_avail(ctd_port);
 }
 
 void ctd_poll(void) {
-    uart4_service();
+    uart_service(ctd_port);
 }
 
 void ctd_idle(void) {
@@ -57,19 +61,15 @@ void ctd_idle(void) {
 }
 
 void ctd_flushRx(void) {
-    uart4_flush_rx();
+    uart_flush_rx(ctd_port);
 }
 
 void ctd_flushTx(void) {
-    uart4_flush_tx();
+    uart_flush_tx(ctd_port);
 }
 
 void ctd_write(const char* text) {
-    uint32_t len = 0;
-    while (text[len] != '\0') {
-        len++;
-    }
-    uart4_write(text, len);
+    uart_puts(ctd_port, text);
 }
 
 bool ctd_reading_plausible(float tempC, float salinity) {
@@ -85,8 +85,17 @@ uint32_t ctd_tx_buf_size(void) {
     return CTD_BUF_SIZE;
 }
 
-void ctd_set_text(const char* text) {
-    snprintf(uart4_prn_buf, sizeof uart4_prn_buf, "%s", text);
+void ctd_report_failure(const char* text) {
+    uint32_t fields =
+        sys_data.data_cfg[CFG_UART4_INST] == CTD_TYPE_AAND5860 ? CTD_AAND5860_FIELDS : CTD_SBE37_FIELDS;
+    inst_blank_fields(uart4_prn_buf, sizeof uart4_prn_buf, fields);
+    snprintf(ctd_message, sizeof ctd_message, "%s", text);
+    fault_note(FAULT_PORT4, text);
+}
+
+void ctd_report_success(void) {
+    ctd_message[0] = '\0';
+    fault_clear(FAULT_PORT4);
 }
 
 uint32_t ctd_ticks_since(uint32_t since) {

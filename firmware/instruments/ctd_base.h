@@ -31,11 +31,13 @@ struct ctdDriver {
 
 extern ctdDriver ctd;
 
-// The reply window of port 4 is 16 characters (ctd_rx_buf_size); the text buffer behind it is larger
-// so that the drivers' failure messages, which stand in the sample line in place of CTD data, fit
-// whole with their terminating zero.
+// The reply window of port 4 is 16 characters (ctd_rx_buf_size). The text buffer behind it also
+// holds a CTD's whole column group once the reply is parsed (the Aanderaa 5860's seven numbers).
 constexpr uint32_t CTD_BUF_SIZE = 16;
 constexpr uint32_t UART4_PRN_BUF_SIZE = 96;
+// Columns of each CTD's group in the data header: the line always carries exactly these.
+constexpr uint32_t CTD_SBE37_FIELDS = 6;
+constexpr uint32_t CTD_AAND5860_FIELDS = 7;
 extern char uart4_prn_buf[UART4_PRN_BUF_SIZE];
 
 // Serial port 4 at 9600 baud from the 16 MHz internal oscillator, echo off.
@@ -58,8 +60,13 @@ void ctd_flushTx(void);
 void ctd_write(const char* text);
 uint32_t ctd_rx_buf_size(void);
 uint32_t ctd_tx_buf_size(void);
-// Replaces the port-4 text (bounded by its buffer).
-void ctd_set_text(const char* text);
+// A pass that failed: the port-4 text becomes the configured CTD's group of empty fields, and `text`
+// goes to the console and the error log (see fault_note.h) and stays in ctd_message for the tools.
+void ctd_report_failure(const char* text);
+// A pass that gave a reading: the next failure is logged at once.
+void ctd_report_success(void);
+// Why the latest pass failed (empty after a good one).
+extern char ctd_message[128];
 // Whether a parsed reply holds a temperature (degC) and salinity the instruments can measure: a
 // garbled line can still scan as numbers (nan, inf, 1e30) that must not reach the pH equations.
 bool ctd_reading_plausible(float tempC, float salinity);

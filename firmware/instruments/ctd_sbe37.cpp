@@ -4,14 +4,21 @@
 // then "ts" asks for one sample. Its reply line is collected with commas turned into tabs and ends
 // at a line feed or "<". The instrument takes a few seconds per sample; 3.5 s after the command
 // without an end of line, or a reply that fills the 16-character window, ends the pass with a
-// message in place of the data. Each step returns at once, so the ADC readings go on meanwhile.
+// message on the console and in the error log, and empty columns. Each step returns at once, so the
+// ADC readings go on meanwhile.
+//
+// The reply holds temperature, conductivity, salinity, date and time, with the pressure after the
+// conductivity when the instrument has a pressure sensor. The line's six columns are those fields in
+// that order, the pressure's left empty when the reply has none.
 #include "instruments/ctd_sbe37.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "core/system.h"
 #include "core/timebase.h"
 #include "instruments/ctd_base.h"
+#include "instruments/inst_text.h"
 #include "ports/uartstdio.h"
 
 namespace {
@@ -22,11 +29,8 @@ constexpr uint8_t ctrl_x = 0x18;
 constexpr char too_long_text[] = "ST7: error in ctd driver bufIndx exceeds buf size, ctd";
 constexpr char silent_text[] =
     "CTD not responding with SBE37 data, check connection, make sure data config is SBE37";
-static_assert(sizeof silent_text <= UART4_PRN_BUF_SIZE);
-static_assert(sizeof too_long_text <= UART4_PRN_BUF_SIZE);
-
 int fail(const char* text) {
-    ctd_set_text(text);
+    ctd_report_failure(text);
     ctd_close();
     ctd.type = CTD_TYPE_NONE;
     ctd.state = CTD_STATE_FAILED;
@@ -54,9 +58,6 @@ int receive(void) {
         uart4_prn_buf[ctd.bufIndx] = '\0'; // within the text buffer: the window is smaller
         if (ctd.bufIndx >= ctd_rx_buf_size()) {
             ctd.bufIndx = ctd_rx_buf_size() - 1;
-            if (sys_data.diag != 0) {
-                uprintf("\r\nST7: error in ctd driver bufIndx exceeds buf size, ctd\r\n");
-            }
             UARTFlushTx(false);
             return fail(too_long_text);
         }
@@ -95,24 +96,60 @@ int ctd_sbe37_stateMachine(int state) {
     }
 }
 
+namespace {
+
+constexpr uint32_t fields_without_pressure = 5;
+
+// Splits the reply into the six columns; false when it is not a reply.
+bool split_reply(char* reply, const char** cols) {
+    char* f[CTD_SBE37_FIELDS + 1];
+    uint32_t n = inst_split(reply, "\t", f, CTD_SBE37_FIELDS);
+    if (n != fields_without_pressure && n != CTD_SBE37_FIELDS) {
+        return false;
+    }
+    for (uint32_t i = 0; i < n; i++) {
+        f[i] = inst_trim(f[i]);
+    }
+    bool pressure = n == CTD_SBE37_FIELDS;
+    cols[0] = f[0];
+    cols[1] = f[1];
+    cols[2] = pressure ? f[2] : "";
+    cols[3] = f[pressure ? 3 : 2];
+    cols[4] = f[pressure ? 4 : 3];
+    cols[5] = f[pressure ? 5 : 4];
+    return inst_is_number(cols[0]) && inst_is_number(cols[1]) && inst_is_number(cols[3]) &&
+           (!pressure || inst_is_number(cols[2]));
+}
+
+} // namespace
+
 void ctd_sbe37_parseData(void) {
-    float temp = 0.0f;
-    float cond = 0.0f;
-    float sal = 0.0f;
-    char date[UART4_PRN_BUF_SIZE];
-    char time[UART4_PRN_BUF_SIZE];
-    int n = sscanf(uart4_prn_buf, "%f\t%f\t%f\t%95s\t%95s", &temp, &cond, &sal, date, time);
-    if (n != 5) {
-        uprintf("\r\nError:  sscanf for parsing MicroCat does not return 5 args.  ctd.state = %d.  TempC and "
-                "salt "
-                "are 0.0\r\n",
-                ctd.state);
-        temp = 0.0f;
-        sal = 0.0f;
+    char reply[UART4_PRN_BUF_SIZE];
+    snprintf(reply, sizeof reply, "%s", uart4_prn_buf);
+    const char* cols[CTD_SBE37_FIELDS] = {};
+    bool parsed = split_reply(reply, cols);
+    float temp = parsed ? strtof(cols[0], nullptr) : 0.0f;
+    float sal = parsed ? strtof(cols[3], nullptr) : 0.0f;
+    if (!parsed) {
+        char text[128];
+        snprintf(text, sizeof text,
+                 "Error:  sscanf for parsing MicroCat does not return 5 args.  ctd.state = %d.  TempC and "
+                 "salt are "
+                 "0.0",
+                 ctd.state);
+        ctd_report_failure(text);
     } else if (!ctd_reading_plausible(temp, sal)) {
-        uprintf("\r\nError:  MicroCat reply out of range.  TempC and salt are 0.0\r\n");
         temp = 0.0f;
         sal = 0.0f;
+        ctd_report_failure("Error:  MicroCat reply out of range.  TempC and salt are 0.0");
+    } else if (!inst_join_fields(uart4_prn_buf, sizeof uart4_prn_buf, cols, CTD_SBE37_FIELDS)) {
+        temp = 0.0f;
+        sal = 0.0f;
+        ctd_report_failure("Error:  MicroCat reply too long for the line.  TempC and salt are 0.0");
+    } else {
+        ctd.condo = strtof(cols[1], nullptr);
+        ctd.pressure = cols[2][0] != '\0' ? strtof(cols[2], nullptr) : 0.0f;
+        ctd_report_success();
     }
     ctd.salt = sal;
     ctd.tempC = temp;
@@ -121,14 +158,14 @@ void ctd_sbe37_parseData(void) {
 
 void ctd_sbe37_poll(void) {
     run_pass();
-    uprintf("\r\n%s\r\n", uart4_prn_buf);
+    uprintf("\r\n%s\r\n", ctd_message[0] != '\0' ? ctd_message : uart4_prn_buf);
 }
 
 void ctd_sbe37_comm_test(void) {
     uprintf("TX: ts cr \r\n");
     run_pass();
-    if (ctd.state == CTD_STATE_FAILED) {
-        uprintf("RX: %s\r\n", uart4_prn_buf);
+    if (ctd_message[0] != '\0') {
+        uprintf("RX: %s\r\n", ctd_message);
         return;
     }
     uprintf("RX: %s\r\nTempC = %8.4f  Sal = %8.4f\r\n", uart4_prn_buf, static_cast<double>(ctd.tempC),
@@ -162,6 +199,6 @@ void ctd_sbe37_serial_analyzer(void) {
 uint32_t ctd_sbe37_qa_test(void) {
     run_pass();
     bool ok = ctd.state != CTD_STATE_FAILED && ctd.type == CTD_TYPE_SBE37 && ctd.salt != 0.0f;
-    uprintf("SBE37 %s: %s\r\n", ok ? "PASS" : "FAIL", uart4_prn_buf);
+    uprintf("SBE37 %s: %s\r\n", ok ? "PASS" : "FAIL", ok ? uart4_prn_buf : ctd_message);
     return ok ? 1u : 0u;
 }

@@ -12,6 +12,10 @@
 #include "instruments/ctd_aand5860.h"
 #include "instruments/ctd_base.h"
 #include "instruments/ctd_sbe37.h"
+#include "instruments/brisa.h"
+#include "instruments/ocr.h"
+#include "instruments/optode.h"
+#include "instruments/picoph.h"
 #include "measure/ads1248_iso.h"
 #include "measure/apf_math.h"
 #include "ports/uartstdio.h"
@@ -19,6 +23,7 @@
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 #include "storage/sd_append.h"
+#include "core/fault_note.h"
 
 #include "driverlib/hibernate.h"
 #include "driverlib/sysctl.h"
@@ -30,7 +35,6 @@
 
 sampData sampl;
 char prnBuf[PRNBUF_SIZE];
-char uart3_prn_buf[UART3_PRN_BUF_SIZE];
 char pumpBuf[PUMPBUF_SIZE];
 float fBiasNeg;
 float fBiasPos;
@@ -415,21 +419,6 @@ void append_line_to_data_file() {
     }
 }
 
-// The first word of the hibernation module's battery-backed memory holds when a low supply was
-// last logged (0: not since the supply was last above the threshold). It survives hibernation and
-// resets, and costs no bus traffic on the samples that find the supply healthy.
-constexpr uint32_t low_supply_repeat_s = 24 * 3600;
-
-uint32_t low_supply_logged() {
-    uint32_t when = 0;
-    HibernateDataGet(&when, 1);
-    return when;
-}
-
-void set_low_supply_logged(uint32_t when) {
-    HibernateDataSet(&when, 1);
-}
-
 // A supply below the low-battery threshold is said on the console and logged when it is first seen,
 // then once a day while it stays low, so that a deployment that runs its batteries down leaves a
 // trace without filling the error log. Sampling goes on: the data are still worth having.
@@ -438,23 +427,14 @@ void note_low_supply(float volts) {
     if (!(volts > 0.0f) || !(threshold > 0.0f)) {
         return; // no supply reading (the monitor is not fitted), or no threshold set
     }
-    uint32_t logged = low_supply_logged();
     if (volts >= threshold) {
-        if (logged != 0) {
-            set_low_supply_logged(0);
-        }
+        fault_clear(FAULT_LOW_SUPPLY);
         return;
     }
     char text[80];
     snprintf(text, sizeof text, "Low battery: %.2f V, below the %.2f V threshold", static_cast<double>(volts),
              static_cast<double>(threshold));
-    uprintf("\r\n%s\r\n", text);
-    uint32_t now = HibernateRTCGet();
-    if (logged != 0 && now - logged < low_supply_repeat_s) {
-        return;
-    }
-    error_store(text);
-    set_low_supply_logged(now == 0 ? 1 : now);
+    fault_note(FAULT_LOW_SUPPLY, text);
 }
 
 } // namespace
@@ -507,9 +487,13 @@ void get_sample(uint32_t printFlg, uint32_t writeFlg) {
         diag_if_slow("\r\nBias Bat     = %5u,   %5u");
     }
 
-    // Each driver ends by its own time-outs.
+    // Each driver ends by its own time-outs. The CTD keeps its turns while port 3 finishes, so the
+    // two instruments' waits overlap instead of adding up.
     while (st.uart3 != 0) {
         st.uart3 = uart3_stateMachine(st.uart3);
+        if (st.uart4 != 0) {
+            st.uart4 = uart4_stateMachine(st.uart4);
+        }
     }
     diag("\r\nUart3 Inst   = %5u,   %5u");
     wdog_pet();
@@ -582,11 +566,19 @@ void pump_var_init(void) {
     snprintf(pumpBuf, sizeof pumpBuf, "PumpSeq=%02d\t", (int)sys_data.pump_seq_type);
 }
 
-// Port 3 has no instrument driver in this build (optode 1, radiometer 2, Brisa 3, pico-pH 4): every
-// code finishes at once and leaves uart3_prn_buf as it stands.
 int uart3_stateMachine(int state) {
-    (void)state;
-    return 0;
+    switch (sys_data.data_cfg[CFG_UART3_INST]) {
+    case PORT3_OPTODE:
+        return optode_stateMachine(state);
+    case PORT3_OCR:
+        return ocr_stateMachine(state);
+    case PORT3_BRISA:
+        return brisa_stateMachine(state);
+    case PORT3_PICOPH:
+        return picoph_stateMachine(state);
+    default:
+        return 0;
+    }
 }
 
 int uart4_stateMachine(int state) {

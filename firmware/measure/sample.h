@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "instruments/port3.h"
+
 struct sampData {
     uint32_t sampNum;   // sys_samp.current_sample when the line is printed
     uint32_t timestamp; // RTC seconds
@@ -59,13 +61,10 @@ static_assert(offsetof(sampData, spare3) == 92);
 static_assert(sizeof(sampData) == 96);
 
 inline constexpr uint32_t PRNBUF_SIZE = 1540;
-inline constexpr uint32_t UART3_PRN_BUF_SIZE = 64;
 inline constexpr uint32_t PUMPBUF_SIZE = 36;
 
 extern sampData sampl;
 extern char prnBuf[PRNBUF_SIZE];
-// The port-3 instrument's text for the sample line, left there by its driver.
-extern char uart3_prn_buf[UART3_PRN_BUF_SIZE];
 // The pump column of the sample line, "PumpSeq=NN\t", filled once at start-up.
 extern char pumpBuf[PUMPBUF_SIZE];
 // The last bias-battery readings, volts (the ADC reading doubled).

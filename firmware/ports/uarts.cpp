@@ -1,15 +1,14 @@
 // The instrument serial ports UART2 to UART7.
 //
-// Port 4 carries the CTD. Its interrupt handler moves received bytes into a ring buffer; the main loop
-// reads them. Only the tail index is written by the reader, and the head only by the handler or with
-// the port's interrupt masked, so reading needs no lock. The readers also do the handler's work first,
-// so polling sees bytes with interrupts masked and every poll costs a register access (a polling loop
-// is never a pure memory spin). Transmission goes straight into the 16-byte FIFO: the commands are a
-// few bytes.
+// Each usable port's interrupt handler moves received bytes into the port's ring; the instrument
+// drivers read them from the main loop. Only the tail index is written by the reader, and the head
+// only by the handler or with the port's interrupt masked, so reading needs no lock. The readers also
+// do the handler's work first, so polling sees bytes with interrupts masked and every poll costs a
+// register access (a polling loop is never a pure memory spin). Transmission goes straight into the
+// 16-byte FIFO, waiting a bounded time for room: the commands are a few bytes.
 //
-// The other ports have no driver yet. A port that interrupts has its received bytes read and dropped
-// and its interrupt cleared, so an instrument talking on an unused port cannot keep the processor in
-// its handler.
+// A port that is not brought out, or not opened, still has its interrupt cleared and its FIFO
+// drained, so an instrument talking on an unused port cannot keep the processor in its handler.
 #include "ports/uarts.h"
 
 #include "driverlib/interrupt.h"
@@ -27,44 +26,96 @@ constexpr uint32_t ready_polls = 1000;
 // Baud clock value that selects the precision internal oscillator.
 constexpr uint32_t piosc_hz = 16000000;
 // A transmit wait gives up after this many pauses of about 10 us (SysCtlDelay spends three cycles per
-// count at 50 MHz): 0.4 s, far more than 17 characters at 9600 baud need.
+// count at 50 MHz): 0.4 s, far more than a FIFO's worth of characters needs at 9600 baud.
 constexpr uint32_t tx_wait_polls = 40000;
 constexpr uint32_t poll_pause_counts = 167;
 
-constexpr uint32_t rx4_mask = UART4_RX_BUFFER_SIZE - 1;
-static_assert((UART4_RX_BUFFER_SIZE & rx4_mask) == 0, "receive ring size must be a power of two");
+constexpr uint32_t first_port = 2;
+constexpr uint32_t last_port = 7;
+constexpr uint32_t port_count = last_port - first_port + 1;
+
+constexpr uint32_t ring_mask = UART_RX_RING_SIZE - 1;
+static_assert((UART_RX_RING_SIZE & ring_mask) == 0, "receive ring size must be a power of two");
+
+struct UartHw {
+    uint32_t base;
+    uint32_t periph;
+    uint32_t interrupt;
+    bool usable; // brought out on this board's pins
+};
+
+const UartHw hw[port_count] = {
+    {UART2_BASE, SYSCTL_PERIPH_UART2, INT_UART2, true}, {UART3_BASE, SYSCTL_PERIPH_UART3, INT_UART3, true},
+    {UART4_BASE, SYSCTL_PERIPH_UART4, INT_UART4, true}, {UART5_BASE, SYSCTL_PERIPH_UART5, INT_UART5, false},
+    {UART6_BASE, SYSCTL_PERIPH_UART6, INT_UART6, true}, {UART7_BASE, SYSCTL_PERIPH_UART7, INT_UART7, false},
+};
 
 // Free-running indices: count = head - tail, slot = index & mask.
-uint8_t rx4_buf[UART4_RX_BUFFER_SIZE];
-volatile uint32_t rx4_head = 0;
-volatile uint32_t rx4_tail = 0;
-volatile bool echo4_on = false;
-volatile bool uart4_ready = false;
+struct UartRx {
+    uint8_t buf[UART_RX_RING_SIZE];
+    volatile uint32_t head;
+    volatile uint32_t tail;
+    volatile uint32_t lost;
+    volatile bool echo;
+    volatile bool ready;
+};
+
+UartRx rx[port_count];
+
+const UartHw* hw_of(uint32_t port) {
+    if (port < first_port || port > last_port) {
+        return nullptr;
+    }
+    return &hw[port - first_port];
+}
+
+UartRx* open_rx(uint32_t port) {
+    if (port < first_port || port > last_port || !rx[port - first_port].ready) {
+        return nullptr;
+    }
+    return &rx[port - first_port];
+}
+
+// Moves received bytes from the FIFO into the ring; runs in the handler or with its interrupt masked.
+// A byte that finds the ring full is lost and counted, as is an overrun of the hardware FIFO.
+void take_fifo(const UartHw& h, UartRx& r) {
+    if (UARTRxErrorGet(h.base) & UART_RXERROR_OVERRUN) {
+        r.lost = r.lost + 1;
+    }
+    UARTRxErrorClear(h.base);
+    for (uint32_t i = 0; i < max_drain_reads && UARTCharsAvail(h.base); i++) {
+        int32_t c = UARTCharGetNonBlocking(h.base);
+        if (c < 0) {
+            break;
+        }
+        if (r.echo) {
+            UARTCharPutNonBlocking(h.base, static_cast<unsigned char>(c));
+        }
+        if (r.head - r.tail >= UART_RX_RING_SIZE) {
+            r.lost = r.lost + 1;
+            continue;
+        }
+        r.buf[r.head & ring_mask] = static_cast<uint8_t>(c);
+        r.head = r.head + 1;
+    }
+}
 
 void drain_and_clear(uint32_t base) {
-    uint32_t status = UARTIntStatus(base, true);
-    UARTIntClear(base, status);
+    UARTIntClear(base, UARTIntStatus(base, true));
     for (uint32_t i = 0; i < max_drain_reads && UARTCharsAvail(base); i++) {
         UARTCharGetNonBlocking(base);
     }
 }
 
-// Moves received bytes from the FIFO into the ring; runs in the handler or with its interrupt masked.
-// A byte that finds the ring full is lost, as with a full hardware FIFO.
-void rx4_take_fifo() {
-    for (uint32_t i = 0; i < max_drain_reads && UARTCharsAvail(UART4_BASE); i++) {
-        int32_t c = UARTCharGetNonBlocking(UART4_BASE);
-        if (c < 0) {
-            break;
-        }
-        if (echo4_on) {
-            UARTCharPutNonBlocking(UART4_BASE, static_cast<unsigned char>(c));
-        }
-        if (rx4_head - rx4_tail < UART4_RX_BUFFER_SIZE) {
-            rx4_buf[rx4_head & rx4_mask] = static_cast<uint8_t>(c);
-            rx4_head = rx4_head + 1;
-        }
+void handle_interrupt(uint32_t port) {
+    const UartHw& h = hw[port - first_port];
+    UartRx* r = open_rx(port);
+    if (r == nullptr) {
+        drain_and_clear(h.base);
+        return;
     }
+    UARTIntClear(h.base, UARTIntStatus(h.base, true));
+    take_fifo(h, *r);
 }
 
 void enable_peripheral(uint32_t periph) {
@@ -78,103 +129,152 @@ void enable_peripheral(uint32_t periph) {
 
 } // namespace
 
-void uart4_init(uint32_t baud, uint32_t srcClock) {
-    IntDisable(INT_UART4);
-    enable_peripheral(SYSCTL_PERIPH_UART4);
-    enable_peripheral(SYSCTL_PERIPH_GPIOC);
+bool uart_port_usable(uint32_t port) {
+    const UartHw* h = hw_of(port);
+    return h != nullptr && h->usable;
+}
 
-    UARTDisable(UART4_BASE);
-    UARTClockSourceSet(UART4_BASE, srcClock == piosc_hz ? UART_CLOCK_PIOSC : UART_CLOCK_SYSTEM);
-    UARTConfigSetExpClk(UART4_BASE, srcClock, baud,
+bool uart_init(uint32_t port, uint32_t baud, uint32_t srcClock) {
+    if (!uart_port_usable(port)) {
+        return false;
+    }
+    const UartHw& h = *hw_of(port);
+    UartRx& r = rx[port - first_port];
+    IntDisable(h.interrupt);
+    enable_peripheral(h.periph);
+
+    UARTDisable(h.base);
+    UARTClockSourceSet(h.base, srcClock == piosc_hz ? UART_CLOCK_PIOSC : UART_CLOCK_SYSTEM);
+    UARTConfigSetExpClk(h.base, srcClock, baud,
                         UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE);
-    UARTFIFOLevelSet(UART4_BASE, UART_FIFO_TX1_8, UART_FIFO_RX1_8);
-    UARTFIFOEnable(UART4_BASE);
-    UARTIntDisable(UART4_BASE, UART_INT_TX | UART_INT_RX | UART_INT_RT);
-    UARTIntClear(UART4_BASE, UARTIntStatus(UART4_BASE, false));
-    UARTIntEnable(UART4_BASE, UART_INT_RX | UART_INT_RT);
-    UARTEnable(UART4_BASE);
+    UARTFIFOLevelSet(h.base, UART_FIFO_TX1_8, UART_FIFO_RX1_8);
+    UARTFIFOEnable(h.base);
+    UARTIntDisable(h.base, UART_INT_TX | UART_INT_RX | UART_INT_RT | UART_INT_OE);
+    UARTIntClear(h.base, UARTIntStatus(h.base, false));
+    UARTRxErrorClear(h.base);
+    UARTIntEnable(h.base, UART_INT_RX | UART_INT_RT | UART_INT_OE);
+    UARTEnable(h.base);
 
-    rx4_tail = rx4_head;
-    echo4_on = false;
-    uart4_ready = true;
-    IntEnable(INT_UART4);
+    r.tail = r.head;
+    r.lost = 0;
+    r.echo = false;
+    r.ready = true;
+    IntEnable(h.interrupt);
+    return true;
 }
 
-void uart4_echo_set(bool enable) {
-    echo4_on = enable;
+void uart_echo_set(uint32_t port, bool enable) {
+    UartRx* r = open_rx(port);
+    if (r != nullptr) {
+        r->echo = enable;
+    }
 }
 
-void uart4_service(void) {
-    if (!uart4_ready) {
+void uart_service(uint32_t port) {
+    UartRx* r = open_rx(port);
+    if (r == nullptr) {
         return;
     }
-    IntDisable(INT_UART4);
-    rx4_take_fifo();
-    IntEnable(INT_UART4);
+    const UartHw& h = *hw_of(port);
+    IntDisable(h.interrupt);
+    take_fifo(h, *r);
+    IntEnable(h.interrupt);
 }
 
-uint32_t uart4_rx_avail(void) {
-    uart4_service();
-    return rx4_head - rx4_tail;
+uint32_t uart_rx_avail(uint32_t port) {
+    UartRx* r = open_rx(port);
+    if (r == nullptr) {
+        return 0;
+    }
+    uart_service(port);
+    return r->head - r->tail;
 }
 
-int32_t uart4_getc(void) {
-    if (uart4_rx_avail() == 0) {
+int32_t uart_getc(uint32_t port) {
+    if (uart_rx_avail(port) == 0) {
         return -1;
     }
-    uint8_t c = rx4_buf[rx4_tail & rx4_mask];
-    rx4_tail = rx4_tail + 1;
+    UartRx& r = *open_rx(port);
+    uint8_t c = r.buf[r.tail & ring_mask];
+    r.tail = r.tail + 1;
     return c;
 }
 
-void uart4_flush_rx(void) {
-    if (uart4_ready) {
-        IntDisable(INT_UART4);
-        for (uint32_t i = 0; i < max_drain_reads && UARTCharsAvail(UART4_BASE); i++) {
-            UARTCharGetNonBlocking(UART4_BASE);
+void uart_flush_rx(uint32_t port) {
+    UartRx* r = open_rx(port);
+    if (r == nullptr) {
+        return;
+    }
+    const UartHw& h = *hw_of(port);
+    IntDisable(h.interrupt);
+    for (uint32_t i = 0; i < max_drain_reads && UARTCharsAvail(h.base); i++) {
+        UARTCharGetNonBlocking(h.base);
+    }
+    IntEnable(h.interrupt);
+    r->tail = r->head;
+}
+
+void uart_putc(uint32_t port, char c) {
+    if (open_rx(port) == nullptr) {
+        return;
+    }
+    uint32_t base = hw_of(port)->base;
+    for (uint32_t i = 0; i < tx_wait_polls; i++) {
+        if (UARTCharPutNonBlocking(base, static_cast<unsigned char>(c))) {
+            return;
         }
-        IntEnable(INT_UART4);
-    }
-    rx4_tail = rx4_head;
-}
-
-void uart4_write(const char* buf, uint32_t len) {
-    if (buf == nullptr || !uart4_ready) {
-        return;
-    }
-    for (uint32_t i = 0; i < len; i++) {
-        UARTCharPut(UART4_BASE, static_cast<unsigned char>(buf[i]));
-    }
-}
-
-void uart4_flush_tx(void) {
-    if (!uart4_ready) {
-        return;
-    }
-    for (uint32_t i = 0; i < tx_wait_polls && UARTBusy(UART4_BASE); i++) {
         SysCtlDelay(poll_pause_counts);
     }
 }
 
+void uart_write(uint32_t port, const char* buf, uint32_t len) {
+    if (buf == nullptr) {
+        return;
+    }
+    for (uint32_t i = 0; i < len; i++) {
+        uart_putc(port, buf[i]);
+    }
+}
+
+void uart_puts(uint32_t port, const char* text) {
+    if (text == nullptr) {
+        return;
+    }
+    for (const char* p = text; *p != '\0'; p++) {
+        uart_putc(port, *p);
+    }
+}
+
+void uart_flush_tx(uint32_t port) {
+    if (open_rx(port) == nullptr) {
+        return;
+    }
+    uint32_t base = hw_of(port)->base;
+    for (uint32_t i = 0; i < tx_wait_polls && UARTBusy(base); i++) {
+        SysCtlDelay(poll_pause_counts);
+    }
+}
+
+uint32_t uart_overruns(uint32_t port) {
+    UartRx* r = open_rx(port);
+    return r == nullptr ? 0 : r->lost;
+}
+
 extern "C" void uart2_isr(void) {
-    drain_and_clear(UART2_BASE);
+    handle_interrupt(2);
 }
 extern "C" void uart3_isr(void) {
-    drain_and_clear(UART3_BASE);
+    handle_interrupt(3);
 }
-
 extern "C" void uart4_isr(void) {
-    uint32_t status = UARTIntStatus(UART4_BASE, true);
-    UARTIntClear(UART4_BASE, status);
-    rx4_take_fifo();
+    handle_interrupt(4);
 }
-
 extern "C" void uart5_isr(void) {
-    drain_and_clear(UART5_BASE);
+    handle_interrupt(5);
 }
 extern "C" void uart6_isr(void) {
-    drain_and_clear(UART6_BASE);
+    handle_interrupt(6);
 }
 extern "C" void uart7_isr(void) {
-    drain_and_clear(UART7_BASE);
+    handle_interrupt(7);
 }

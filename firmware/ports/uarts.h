@@ -1,31 +1,44 @@
-// The instrument serial ports UART2 to UART7: their interrupt handlers, and the driver of port 4 (the
-// CTD port), whose received bytes collect in a ring buffer that the CTD state machines read from the
-// main loop.
+// The instrument serial ports UART2 to UART7: interrupt-driven receive rings that the instrument
+// drivers read from the main loop, transmission, echo and a count of lost bytes.
+//
+// On the 64-pin package UART5 (PE4/PE5) and UART7 (PE0/PE1) only have pins that this board uses for
+// other lines (the serial flash's second select and its supply switch; the isolated supply enable and
+// the ADC's data-ready), so those two ports are not brought out: uart_init refuses them and their
+// interrupt handlers only clear what would keep them pending. Ports 2 (PD6/PD7), 3 (PC6/PC7), 4
+// (PC4/PC5) and 6 (PD4/PD5) work.
 #pragma once
 
 #include <cstdint>
 
-// Holds several CTD reply lines, so a reply survives the long gaps between two state-machine steps.
-constexpr uint32_t UART4_RX_BUFFER_SIZE = 128;
+// Each ring holds a whole instrument reply (the longest, the optode's, is about 200 characters), so a
+// reply survives the long gaps between two state-machine steps.
+constexpr uint32_t UART_RX_RING_SIZE = 256;
 
-// Sets up UART4 (8N1, FIFOs, receive interrupts) and empties its receive ring. srcClock 16000000
+// Whether a port number names a UART this board brings out.
+bool uart_port_usable(uint32_t port);
+// Sets the port up (8N1, FIFOs, receive interrupts) and empties its ring; echo off. srcClock 16000000
 // selects the precision internal oscillator as the baud clock, any other value the system clock.
-void uart4_init(uint32_t baud, uint32_t srcClock);
-// Echo of received bytes back to the instrument; off after uart4_init.
-void uart4_echo_set(bool enable);
+// False, with nothing touched, for a port the board does not bring out.
+bool uart_init(uint32_t port, uint32_t baud, uint32_t srcClock);
+// Echo of received bytes back to the instrument.
+void uart_echo_set(uint32_t port, bool enable);
 // Moves bytes from the receive FIFO into the ring, as the interrupt would. The readers below call it,
 // so polling loops see bytes even with interrupts masked, and each poll touches the hardware.
-void uart4_service(void);
+void uart_service(uint32_t port);
 // Number of received bytes waiting in the ring.
-uint32_t uart4_rx_avail(void);
+uint32_t uart_rx_avail(uint32_t port);
 // The next received byte, or -1 when none waits.
-int32_t uart4_getc(void);
+int32_t uart_getc(uint32_t port);
 // Discards the received bytes, those still in the hardware FIFO included.
-void uart4_flush_rx(void);
-// Sends bytes unchanged; waits for room in the transmit FIFO.
-void uart4_write(const char* buf, uint32_t len);
+void uart_flush_rx(uint32_t port);
+// Sends bytes unchanged, waiting (bounded) for room in the transmit FIFO.
+void uart_putc(uint32_t port, char c);
+void uart_puts(uint32_t port, const char* text);
+void uart_write(uint32_t port, const char* buf, uint32_t len);
 // Waits until the last bit has left the UART (bounded, so a stopped UART does not hang the caller).
-void uart4_flush_tx(void);
+void uart_flush_tx(uint32_t port);
+// Received bytes lost since uart_init: a full ring, or a full hardware FIFO (overrun).
+uint32_t uart_overruns(uint32_t port);
 
 extern "C" {
 void uart2_isr(void);

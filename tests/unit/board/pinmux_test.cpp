@@ -21,7 +21,9 @@ TEST(PinmuxTest, EveryPinTakesItsFunctionIncludingTheLockedOnes) {
     EXPECT_FALSE(sim::dev::gpio_alternate(port_c, 0x0F)) << "JTAG pins are left alone";
     EXPECT_TRUE(sim::dev::gpio_alternate(port_d, 0x30)) << "UART6";
     EXPECT_TRUE(sim::dev::gpio_driven_low(port_d, 0x0B)) << "ADC clock, select, transmit idle low";
-    EXPECT_TRUE(sim::dev::gpio_alternate(port_e, 0x30)) << "UART5";
+    EXPECT_FALSE(sim::dev::gpio_alternate(port_e, 0x30)) << "PE4/PE5 stay the flash's lines, not UART5";
+    EXPECT_TRUE(sim::dev::gpio_driven_low(port_e, 0x20)) << "flash supply off";
+    EXPECT_EQ(sim::dev::gpio_pad_levels(port_e) & 0x10, 0x10) << "flash chip 1 not selected";
     EXPECT_TRUE(sim::dev::gpio_driven_low(port_e, 0x01)) << "isolated supply off";
 }
 
