@@ -406,6 +406,51 @@ void cmd_get_filename(void) {
 }
 
 // "config <preset>": the presets store sys_data themselves.
+namespace {
+
+struct InstrumentName {
+    const char* name;
+    unsigned char code;
+};
+
+const InstrumentName port3_names[] = {{"none", 0},  {"optode", 1}, {"ocr", 2},
+                                      {"brisa", 3}, {"picoph", 4}, {"corrib", 4}};
+const InstrumentName port4_names[] = {{"none", 5}, {"sbe37", 6}, {"aand5860", 7}};
+
+// The instrument after "config port3 " or "config port4 ": its code or its name, alone on the line.
+int instrument_code(const char* p, const InstrumentName* names, size_t count, unsigned lo, unsigned hi) {
+    while (*p == ' ') {
+        p++;
+    }
+    for (size_t i = 0; i < count; i++) {
+        if (strcmp(p, names[i].name) == 0) {
+            return names[i].code;
+        }
+    }
+    if (p[0] >= '0' && p[0] <= '9' && p[1] == '\0' && unsigned(p[0] - '0') >= lo &&
+        unsigned(p[0] - '0') <= hi) {
+        return p[0] - '0';
+    }
+    return -1;
+}
+
+// Selects the instrument on port 3 or 4; anything else is refused with what the port takes.
+void set_port_instrument(const char* rest, bool port3) {
+    int code = port3 ? instrument_code(rest, port3_names, sizeof port3_names / sizeof port3_names[0], 0, 4)
+                     : instrument_code(rest, port4_names, sizeof port4_names / sizeof port4_names[0], 5, 7);
+    if (code < 0) {
+        uprintf(port3 ? "Port 3 takes 0 none, 1 optode, 2 ocr, 3 brisa or 4 picoph\r\n"
+                      : "Port 4 takes 5 none, 6 sbe37 or 7 aand5860\r\n");
+        print_NAK();
+        return;
+    }
+    sys_data.data_cfg[port3 ? CFG_UART3_INST : CFG_UART4_INST] = static_cast<unsigned char>(code);
+    storeSysDataVariables();
+    uprintf("Port %c instrument = %d, stored\r\n", port3 ? '3' : '4', code);
+}
+
+} // namespace
+
 void cmd_set_config(void) {
     const size_t word_pos = 7;
     if (line_len() <= word_pos) {
@@ -431,6 +476,8 @@ void cmd_set_config(void) {
         config_data_fields_none();
     } else if (word_at(w, "test", 4)) {
         uprintf("not available\r\n");
+    } else if (word_at(w, "port3 ", 6) || word_at(w, "port4 ", 6)) {
+        set_port_instrument(w + 6, w[4] == '3');
     } else {
         print_NAK();
     }

@@ -274,6 +274,29 @@ TEST_F(CmdHandlers, ConfigPresets) {
     EXPECT_EQ(memcmp(sys_data.data_cfg, before, sizeof before), 0);
 }
 
+// "config port3" and "config port4" select an instrument by code or name and store it; anything the
+// port does not take is refused with what it takes, the setting left alone.
+TEST_F(CmdHandlers, ConfigPortInstruments) {
+    EXPECT_EQ(on_line("config port3 optode", cmd_set_config), "Port 3 instrument = 1, stored\r\n");
+    EXPECT_EQ(on_line("config port3 4", cmd_set_config), "Port 3 instrument = 4, stored\r\n");
+    EXPECT_EQ(on_line("config port4 aand5860", cmd_set_config), "Port 4 instrument = 7, stored\r\n");
+    memset(sys_data.data_cfg, 0, sizeof sys_data.data_cfg);
+    retrieveSysDataVariables();
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART3_INST], 4);
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART4_INST], 7);
+    for (const char* bad : {"config port3 5", "config port3 opt", "config port3 ", "config port3 12"}) {
+        EXPECT_EQ(on_line(bad, cmd_set_config),
+                  "Port 3 takes 0 none, 1 optode, 2 ocr, 3 brisa or 4 picoph\r\nNAK\r\n")
+            << bad;
+    }
+    for (const char* bad : {"config port4 4", "config port4 sbe", "config port4 0"}) {
+        EXPECT_EQ(on_line(bad, cmd_set_config), "Port 4 takes 5 none, 6 sbe37 or 7 aand5860\r\nNAK\r\n")
+            << bad;
+    }
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART3_INST], 4);
+    EXPECT_EQ(sys_data.data_cfg[CFG_UART4_INST], 7);
+}
+
 // "store 1" and "microsd 1" switch card logging; reading the switch turns it on in memory only.
 // Only a clear 0 or 1 (or off, on) switches it: noise on the line leaves logging as it was.
 TEST_F(CmdHandlers, StoreSwitchAndTheReadingQuirk) {
