@@ -1,5 +1,6 @@
 // Awake time of one sample in virtual milliseconds (exact): the factory configuration without a CTD,
-// and with an SBE37 on port 4. Next to it the floor that no implementation of the cycle can beat:
+// with each instrument on port 3 or 4 answering and silent (a silent one costs its time-out), and with
+// both ports' instruments silent. Next to it the floor that no implementation of the cycle can beat:
 // the converter's conversion time at each channel's data rate plus the waits the cycle must keep
 // (power-up of the isolated side, the multiplexer and bias-selector settling, the 151 ms settle of
 // the housing sensors). The share outside those waits is what the firmware itself costs: SPI and
@@ -87,7 +88,14 @@ double floor_ms() {
     return wait + adc;
 }
 
-void sample_once(benchmark::State& state, const char* port4, unsigned char uart4_inst) {
+struct Setup {
+    const char* port3;
+    unsigned char uart3_inst;
+    const char* port4;
+    unsigned char uart4_inst;
+};
+
+void sample_once(benchmark::State& state, const Setup& setup) {
     double awake_ms = 0;
     double floor = 0;
     double tx_bytes = 0;
@@ -98,8 +106,13 @@ void sample_once(benchmark::State& state, const char* port4, unsigned char uart4
         std::memset(&sys_samp, 0, sizeof sys_samp);
         initSysDataVariables();
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;
-        sys_data.data_cfg[CFG_UART4_INST] = uart4_inst;
-        sim::test::set_scenario("port4", port4);
+        sys_data.data_cfg[CFG_UART3_INST] = setup.uart3_inst;
+        sys_data.data_cfg[CFG_UART4_INST] = setup.uart4_inst;
+        if (!sim::test::set_scenario("port3", setup.port3) ||
+            !sim::test::set_scenario("port4", setup.port4)) {
+            state.SkipWithError("the simulator refused the instrument");
+            return;
+        }
         pump_var_init();
         floor = floor_ms();
         wait_consoleTx();
@@ -118,14 +131,44 @@ void sample_once(benchmark::State& state, const char* port4, unsigned char uart4
 
 // The factory configuration: no CTD (port 4 code 5, the configured salinity).
 void BM_SampleNoCtd(benchmark::State& state) {
-    sample_once(state, "none", 5);
+    sample_once(state, {"none", 0, "none", 5});
 }
 BENCHMARK(BM_SampleNoCtd)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 // An SBE37 on port 4: its 900 ms wake delay and its reply run between the ADC readings.
 void BM_SampleSbe37(benchmark::State& state) {
-    sample_once(state, "sbe37", 6);
+    sample_once(state, {"none", 0, "sbe37", 6});
 }
 BENCHMARK(BM_SampleSbe37)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// Each instrument alone, answering and then silent.
+const struct {
+    const char* name;
+    Setup setup;
+} instruments[] = {
+    {"optode", {"optode", 1, "none", 5}},
+    {"optode-silent", {"optode-silent", 1, "none", 5}},
+    {"ocr", {"ocr", 2, "none", 5}},
+    {"ocr-silent", {"ocr-silent", 2, "none", 5}},
+    {"brisa", {"brisa", 3, "none", 5}},
+    {"brisa-silent", {"brisa-silent", 3, "none", 5}},
+    {"picoph", {"picoph", 4, "none", 5}},
+    {"picoph-silent", {"picoph-silent", 4, "none", 5}},
+    {"sbe37-silent", {"none", 0, "sbe37-silent", 6}},
+    {"aand5860", {"none", 0, "aand5860", 7}},
+    {"aand5860-silent", {"none", 0, "aand5860-silent", 7}},
+    {"brisa+sbe37", {"brisa", 3, "sbe37", 6}},
+    {"all silent: brisa+sbe37", {"brisa-silent", 3, "sbe37-silent", 6}},
+};
+
+void BM_SampleInstrument(benchmark::State& state) {
+    const auto& inst = instruments[state.range(0)];
+    state.SetLabel(inst.name);
+    sample_once(state, inst.setup);
+}
+BENCHMARK(BM_SampleInstrument)
+    ->DenseRange(0, sizeof instruments / sizeof instruments[0] - 1)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 } // namespace

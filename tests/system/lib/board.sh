@@ -47,6 +47,16 @@ period_starts() {
     tail -n +2 "$board/stats.csv" | cut -d, -f2
 }
 
+# Every data line of a data file's text has as many tab-separated columns as the column header above
+# it names (the header ends each name with a tab, a data line has none after its last column).
+columns_aligned() {
+    printf '%s\n' "$1" | awk -F'\t' '
+        /^\/\// || /^\r?$/ { next }
+        /^#/ { if (NF != want) { print "line " NR ": " NF " columns under a header of " want; bad = 1 } next }
+        { want = NF - 1 }
+        END { exit bad }'
+}
+
 fail() {
     echo "$*"
     exit 1
