@@ -35,7 +35,7 @@ bool brisa_parse(char* line) {
     if (!inst_split_exact(line, "\t", fields, field_count)) {
         return false;
     }
-    if (fields[0][0] != '#' || !inst_is_integer(fields[0] + 1)) {
+    if (fields[0][0] != '#' || !inst_is_integer(fields[0] + 1) || !inst_is_printable(fields[1])) {
         return false;
     }
     for (uint32_t i = first_number; i < field_count; i++) {

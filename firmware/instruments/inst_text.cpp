@@ -100,6 +100,15 @@ bool inst_is_integer(const char* text) {
     return *end == '\0';
 }
 
+bool inst_is_printable(const char* text) {
+    for (const char* p = text; *p != '\0'; p++) {
+        if (*p < ' ' || *p > '~') {
+            return false;
+        }
+    }
+    return true;
+}
+
 char* inst_trim(char* text) {
     while (is_blank(*text)) {
         text++;

@@ -25,5 +25,7 @@ bool inst_join_fields(char* buf, size_t size, const char* const* fields, uint32_
 bool inst_is_number(const char* text);
 // A whole decimal integer, optionally signed; blanks around it allowed.
 bool inst_is_integer(const char* text);
+// Printable ASCII only (blanks included), so a field cannot carry line noise into the data file.
+bool inst_is_printable(const char* text);
 // The text without its leading and trailing blanks (modified in place: the trailing ones are cut).
 char* inst_trim(char* text);

@@ -39,7 +39,8 @@ bool ocr_parse(char* line) {
         return false;
     }
     size_t header = strlen(fields[0]);
-    if (strncmp(fields[0], "SAT", 3) != 0 || header < header_min || header > header_max) {
+    if (strncmp(fields[0], "SAT", 3) != 0 || header < header_min || header > header_max ||
+        !inst_is_printable(fields[0])) {
         return false;
     }
     for (uint32_t i = 1; i < field_count; i++) {
