@@ -152,7 +152,7 @@ void devices_power_on() {
     dev::ads1248_attach();
     dev::ssi_reset();
     dev::uart_reset();
-    dev::sbe37_power_on();
+    dev::instruments_power_on();
 }
 
 void devices_power_off() {
@@ -174,7 +174,7 @@ uint64_t devices_next_event_ns() {
     uint64_t t = dev::uart_next_event_ns();
     t = std::min(t, dev::ssi_next_event_ns());
     t = std::min(t, dev::ads1248_next_event_ns());
-    t = std::min(t, dev::sbe37_next_event_ns());
+    t = std::min(t, dev::instruments_next_event_ns());
     t = std::min(t, ahead(dev::i2c_next_event_ns()));
     return std::min(t, ahead(dev::eeprom_next_event_ns()));
 }
@@ -191,8 +191,8 @@ void devices_service(uint64_t now_ns) {
     if (dev::ads1248_next_event_ns() <= now_ns) {
         dev::ads1248_service(now_ns);
     }
-    if (dev::sbe37_next_event_ns() <= now_ns) {
-        dev::sbe37_service(now_ns);
+    if (dev::instruments_next_event_ns() <= now_ns) {
+        dev::instruments_service(now_ns);
     }
 }
 

@@ -118,11 +118,12 @@ void pcal6416_attach();
 // The levels on the expander's 16 pins (port 1 in the high byte), for tests.
 uint16_t pcal6416_pin_levels();
 
-// ---------------------------------------------------------------- SBE37 CTD on UART4 (sbe37.cpp)
-// Back to asleep with nothing to send (every power-on period); what it answers follows `port4`.
-void sbe37_power_on();
-uint64_t sbe37_next_event_ns();
-void sbe37_service(uint64_t now_ns);
+// ---------------------------------------------------------------- instruments (serial_instrument.cpp)
+// What the scenario hangs on the serial ports: `port4` (UART4) the SBE37. Every power-on period it
+// starts asleep with nothing to send.
+void instruments_power_on();
+uint64_t instruments_next_event_ns();
+void instruments_service(uint64_t now_ns);
 // A byte the board sent on an instrument port (UART1 to UART7) reaches what hangs on that port.
 void instrument_tx(int port, uint8_t byte);
 
