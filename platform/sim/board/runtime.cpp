@@ -546,7 +546,9 @@ const KeySpec key_specs[] = {
     {"card.cut_after_writes", KeySpec::whole, 0.0, 1e9, nullptr},
     {"card", KeySpec::name, 0, 0, "present absent protected"},
     {"card.type", KeySpec::name, 0, 0, "sdhc sdsc sdv1 mmc badv2"},
-    {"port4", KeySpec::name, 0, 0, "none sbe37 sbe37-silent sbe37-garbage sbe37-slow sbe37-short"},
+    {"port4", KeySpec::name, 0, 0,
+     "none sbe37 sbe37-silent sbe37-garbage sbe37-slow sbe37-short aand5860 aand5860-silent aand5860-garbage "
+     "aand5860-slow aand5860-short"},
     {"port4.reply", KeySpec::text, 0, 0, nullptr},
     {"port4.delay", KeySpec::number, 0.0, 60.0, nullptr},
 };

@@ -20,7 +20,7 @@ constexpr uint64_t slow_extra_ns = 10 * ns_per_s;
 constexpr int garbage_len = 40;
 constexpr size_t command_max = 32;
 
-const InstrumentModel* const models[] = {&sbe37_model};
+const InstrumentModel* const models[] = {&sbe37_model, &aand5860_model};
 
 const char* port_key(int port) {
     return port == 3 ? "port3" : "port4";
@@ -186,6 +186,22 @@ void prompt_receive(const PromptConsole& p, Variant v, uint8_t byte, uint64_t no
     }
     if (byte != '\n') {
         line_send(*p.line, std::string(1, static_cast<char>(byte)), echo_at);
+    }
+}
+
+void aanderaa_receive(const AanderaaConsole& a, Variant v, uint8_t byte, uint64_t now) {
+    if (!console_awake(*a.console, now, a.sleep_timeout_ns)) {
+        console_wake(*a.console, now);
+        return;
+    }
+    if (a.echo) {
+        line_send(*a.line, std::string(1, static_cast<char>(byte)), now + char_ns(*a.line));
+    }
+    if (!console_collect(*a.console, byte)) {
+        return;
+    }
+    if (console_take(*a.console, now) == "do sample") {
+        line_reply(*a.line, v, a.sample(), now + answer_delay_ns(v, a.sample_ns));
     }
 }
 

@@ -90,6 +90,19 @@ void prompt_receive(const PromptConsole& p, Variant v, uint8_t byte, uint64_t no
 // surface (sbe37.cpp; the CTDs share it).
 double seawater_conductivity(double s, double t);
 
+// An Aanderaa sensor's console (the optode, the 5860). Asleep, any character wakes it and is lost.
+// Awake, it echoes every byte as it is when `echo` is set, and collects a command: "do sample", in
+// any case, sends `sample()` after `sample_ns`; anything else gets nothing.
+struct AanderaaConsole {
+    SerialLine* line;
+    Console* console;
+    uint64_t sleep_timeout_ns;
+    bool echo;
+    uint64_t sample_ns;
+    std::string (*sample)();
+};
+void aanderaa_receive(const AanderaaConsole& a, Variant v, uint8_t byte, uint64_t now);
+
 // One instrument model. `receive` gets each byte the board sends while the scenario puts the
 // instrument (in a variant that listens) on its port, as the instrument heard it; `next_event_ns`
 // and `service` are for events of its own besides its bytes on the line (may be null).
@@ -103,5 +116,6 @@ struct InstrumentModel {
     void (*service)(uint64_t now);
 };
 extern const InstrumentModel sbe37_model;
+extern const InstrumentModel aand5860_model;
 
 } // namespace sim::dev

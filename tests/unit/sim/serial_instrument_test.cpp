@@ -26,6 +26,7 @@ struct Instrument {
 
 const Instrument instruments[] = {
     {"sbe37", 4, 9600, "\r", "ts\r", 2.5, "15,", "\r\n", "S>"},
+    {"aand5860", 4, 9600, "x", "do sample\r\n", 1.0, "5860\t567\t", "\r\n", ""},
 };
 
 struct Exchange {
