@@ -524,6 +524,8 @@ const KeySpec key_specs[] = {
     {"bath.temp", KeySpec::number, -5.0, 60.0, nullptr},
     {"bath.sal", KeySpec::number, 0.1, 60.0, nullptr},
     {"bath.no3", KeySpec::number, 0.0, 1000.0, nullptr},
+    {"bath.o2", KeySpec::number, 0.0, 1000.0, nullptr},
+    {"bath.light", KeySpec::number, 0.0, 1000.0, nullptr},
     {"sensor.k0int", KeySpec::number, -3.0, 3.0, nullptr},
     {"sensor.k0ext", KeySpec::number, -3.0, 3.0, nullptr},
     {"sensor.vk", KeySpec::number, -3.0, 3.0, nullptr},
@@ -546,6 +548,10 @@ const KeySpec key_specs[] = {
     {"card.cut_after_writes", KeySpec::whole, 0.0, 1e9, nullptr},
     {"card", KeySpec::name, 0, 0, "present absent protected"},
     {"card.type", KeySpec::name, 0, 0, "sdhc sdsc sdv1 mmc badv2"},
+    {"port3", KeySpec::name, 0, 0,
+     "none optode optode-silent optode-garbage optode-slow optode-short ocr ocr-silent ocr-garbage ocr-slow "
+     "ocr-short brisa brisa-silent brisa-garbage brisa-slow brisa-short picoph picoph-silent picoph-garbage "
+     "picoph-slow picoph-short"},
     {"port4", KeySpec::name, 0, 0,
      "none sbe37 sbe37-silent sbe37-garbage sbe37-slow sbe37-short aand5860 aand5860-silent aand5860-garbage "
      "aand5860-slow aand5860-short"},

@@ -119,8 +119,9 @@ void pcal6416_attach();
 uint16_t pcal6416_pin_levels();
 
 // ---------------------------------------------------------------- instruments (serial_instrument.cpp)
-// What the scenario hangs on the serial ports: `port4` (UART4) the SBE37 or the Aanderaa 5860.
-// Every power-on period they start asleep with nothing to send.
+// What the scenario hangs on the serial ports: `port3` (UART3) the oxygen optode, the radiometer,
+// the Brisa or the Pico-pH; `port4` (UART4) the SBE37 or the Aanderaa 5860. Every power-on period
+// they start asleep with nothing to send.
 void instruments_power_on();
 uint64_t instruments_next_event_ns();
 void instruments_service(uint64_t now_ns);

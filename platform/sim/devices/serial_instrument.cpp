@@ -20,7 +20,8 @@ constexpr uint64_t slow_extra_ns = 10 * ns_per_s;
 constexpr int garbage_len = 40;
 constexpr size_t command_max = 32;
 
-const InstrumentModel* const models[] = {&sbe37_model, &aand5860_model};
+const InstrumentModel* const models[] = {&sbe37_model, &aand5860_model, &optode_model,
+                                         &ocr_model,   &brisa_model,    &picoph_model};
 
 const char* port_key(int port) {
     return port == 3 ? "port3" : "port4";

@@ -117,5 +117,9 @@ struct InstrumentModel {
 };
 extern const InstrumentModel sbe37_model;
 extern const InstrumentModel aand5860_model;
+extern const InstrumentModel optode_model;
+extern const InstrumentModel ocr_model;
+extern const InstrumentModel brisa_model;
+extern const InstrumentModel picoph_model;
 
 } // namespace sim::dev

@@ -85,7 +85,8 @@ TEST_F(BoardFilesTest, BrokenStateFilesAreRefused) {
 
     for (const char* text :
          {"bath.ph = abc\n", "bath.temp = nan\n", "bath.temp = 1e30\n", "card.type = bogus\n",
-          "card = maybe\n", "bath.ph = 7.5 8\n", "no.such.key = 1\n", "hibernate.fail = 2.5\n"}) {
+          "card = maybe\n", "bath.ph = 7.5 8\n", "no.such.key = 1\n", "hibernate.fail = 2.5\n",
+          "port3 = bogus\n", "port4 = ocr\n", "port4 = sbe37-loud\n", "bath.light = -2\n"}) {
         write("scenario.ini", text);
         testing::internal::CaptureStderr();
         EXPECT_FALSE(sim::board::load_scenario(dir + "/scenario.ini")) << text;

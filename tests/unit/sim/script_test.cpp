@@ -106,6 +106,13 @@ TEST(ScriptParseTest, BadLinesAreNamedWithFileAndLine) {
     EXPECT_EQ(parse_error("set card.type bogus\n"),
               "t.sim:1: set card.type bogus: not one of: sdhc sdsc sdv1 mmc badv2");
     EXPECT_EQ(parse_error("set bath.phh 8\n"), "t.sim:1: set bath.phh 8: no such key");
+    EXPECT_EQ(parse_error("set bath.o2 -1\n"), "t.sim:1: set bath.o2 -1: outside 0 to 1000");
+    EXPECT_EQ(
+        parse_error("set port3 ocr-loud\n").rfind("t.sim:1: set port3 ocr-loud: not one of: none optode ", 0),
+        0u);
+    EXPECT_EQ(
+        parse_error("set port4 optode\n").rfind("t.sim:1: set port4 optode: not one of: none sbe37 ", 0), 0u)
+        << "a port 3 instrument on port 4";
 }
 
 TEST(ScriptParseTest, QuoteShowsControlCharacters) {

@@ -27,6 +27,9 @@ struct Instrument {
 const Instrument instruments[] = {
     {"sbe37", 4, 9600, "\r", "ts\r", 2.5, "15,", "\r\n", "S>"},
     {"aand5860", 4, 9600, "x", "do sample\r\n", 1.0, "5860\t567\t", "\r\n", ""},
+    {"optode", 3, 9600, "x", "Do Sample\r\n", 1.5, "MEASUREMENT\t3830\t1234\t", "\r\n", ""},
+    {"brisa", 3, 9600, "\r", "ts\r", 3.0, "#000000", "\r\n", "S>"},
+    {"picoph", 3, 19200, "", "MEA 1 47\r", 0.4, "MEA 1 47 0 ", "\r", ""},
 };
 
 struct Exchange {
