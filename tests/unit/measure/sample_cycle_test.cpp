@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <vector>
 
 #include <cmath>
 #include <cstdio>
@@ -42,6 +43,24 @@
 #include "storage/microsd.h"
 
 namespace {
+
+// The last line of a text (its CR LF dropped), split at its tabs.
+std::vector<std::string> split_tabs(const std::string& text) {
+    std::string line = text;
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+        line.pop_back();
+    }
+    size_t start = line.rfind('\n');
+    line = start == std::string::npos ? line : line.substr(start + 1);
+    std::vector<std::string> out;
+    size_t pos = 0;
+    for (size_t tab = line.find('\t'); tab != std::string::npos; tab = line.find('\t', pos)) {
+        out.push_back(line.substr(pos, tab - pos));
+        pos = tab + 1;
+    }
+    out.push_back(line.substr(pos));
+    return out;
+}
 
 using test_board::run_shell;
 
@@ -268,6 +287,47 @@ TEST_F(SampleCycle, CtdOnPort4SuppliesSalinity) {
     EXPECT_EQ(std::count(silent.begin(), silent.end(), '\t'), std::count(line.begin(), line.end(), '\t'));
     EXPECT_NEAR(sys_samp.sensor_sal, 31.0, 0.001);
     EXPECT_NEAR(sampl.pHext, 7.8, 0.002);
+}
+
+// Each instrument's reply stands under its own column names: the header's last names are the
+// instrument's group and the line's last fields its values; silent, the same columns stay, empty.
+TEST_F(SampleCycle, EachInstrumentFillsTheColumnsItsHeaderNames) {
+    struct Case {
+        unsigned char port3, port4;
+        const char* scenario_key;
+        const char* model;
+        const char* column; // one of its columns
+        const char* value;  // what the bath makes it read
+    };
+    const Case cases[] = {
+        {1, 5, "port3", "optode", "Moxy", "250.00"},    {2, 5, "port3", "ocr", "Chan_1 ", "10.0000"},
+        {3, 5, "port3", "brisa", " TC_Dfet", "15.000"}, {4, 5, "port3", "picoph", "pH ", "8000"},
+        {0, 6, "port4", "sbe37", "pSal", "35.00"},      {0, 7, "port4", "aand5860", "Sal", "35.000"},
+    };
+    set_bath(8.0, 15.0, 35.0);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.model);
+        sys_data.data_cfg[CFG_UART3_INST] = c.port3;
+        sys_data.data_cfg[CFG_UART4_INST] = c.port4;
+        sim::test::set_scenario("port3", "none");
+        sim::test::set_scenario("port4", "none");
+        ASSERT_TRUE(sim::test::set_scenario(c.scenario_key, c.model));
+        clear_out();
+        print_data_header();
+        std::vector<std::string> names = split_tabs(out());
+        names.pop_back(); // what follows the header's last tab: its line end
+        std::vector<std::string> fields = split_tabs(sample_console());
+        ASSERT_EQ(fields.size(), names.size());
+        // The last of that name: the Brisa's group repeats names of the board's own columns.
+        size_t k = names.rend() - std::find(names.rbegin(), names.rend(), c.column) - 1;
+        ASSERT_LT(k, names.size());
+        EXPECT_EQ(fields[k], c.value);
+
+        sim::test::set_scenario(c.scenario_key, std::string(c.model) + "-silent");
+        std::vector<std::string> silent = split_tabs(sample_console());
+        ASSERT_EQ(silent.size(), names.size());
+        EXPECT_EQ(silent[k], "");
+    }
 }
 
 // Every platform preset on a healthy board logs finite numbers only: a computed column always has
