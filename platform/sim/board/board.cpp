@@ -275,9 +275,17 @@ std::string scenario_template() {
 # bias.pos = 3.6
 # bias.neg = -3.6
 
-# The instrument on port 4: none, sbe37, sbe37-silent or sbe37-garbage; port4.reply sets the exact
-# SBE37 reply line (by default it is built from the bath); port4.delay the seconds from the sample
-# command to the reply (a slow instrument takes longer).
+# Oxygen (umol/L) for the optode, and the light (uW/cm^2/nm) the radiometer sees.
+# bath.o2 = 250
+# bath.light = 10.0
+
+# The instrument on port 3: none, optode, ocr, brisa or picoph, each also as NAME-silent,
+# NAME-garbage, NAME-slow (answers 10 s late) or NAME-short (its reply cut half way).
+# port3 = none
+
+# The instrument on port 4: none, sbe37 or aand5860, with the same variants; port4.reply sets the
+# exact SBE37 reply line (by default it is built from the bath); port4.delay the seconds from the
+# SBE37's sample command to the reply (a slow instrument takes longer).
 # port4 = none
 # port4.reply = "..."
 # port4.delay = 2.5
