@@ -116,13 +116,7 @@ void ctd_aand5860_parseData(void) {
     float temp = parsed ? strtof(f[3], nullptr) : 0.0f;
     float sal = parsed ? strtof(f[4], nullptr) : 0.0f;
     if (!parsed) {
-        char text[128];
-        snprintf(text, sizeof text,
-                 "Error:  sscanf for parsing Aanderaa 5860 does not return 7 args.  ctd.state = %d.  TempC "
-                 "and salt "
-                 "are 0.0",
-                 ctd.state);
-        ctd_report_failure(text);
+        ctd_report_unparsed("Aanderaa 5860", 7);
     } else if (!ctd_reading_plausible(temp, sal)) {
         parsed = false;
         ctd_report_failure("Error:  Aanderaa 5860 reply out of range.  TempC and salt are 0.0");

@@ -93,6 +93,15 @@ void ctd_report_failure(const char* text) {
     fault_note(FAULT_PORT4, text);
 }
 
+void ctd_report_unparsed(const char* instrument, int fields) {
+    char text[128];
+    snprintf(
+        text, sizeof text,
+        "Error:  sscanf for parsing %s does not return %d args.  ctd.state = %d.  TempC and salt are 0.0",
+        instrument, fields, ctd.state);
+    ctd_report_failure(text);
+}
+
 void ctd_report_success(void) {
     ctd_message[0] = '\0';
     fault_clear(FAULT_PORT4);

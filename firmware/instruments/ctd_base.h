@@ -63,6 +63,9 @@ uint32_t ctd_tx_buf_size(void);
 // A pass that failed: the port-4 text becomes the configured CTD's group of empty fields, and `text`
 // goes to the console and the error log (see fault_note.h) and stays in ctd_message for the tools.
 void ctd_report_failure(const char* text);
+// A reply that does not hold the instrument's `fields` values: reported as a failure, naming the
+// instrument.
+void ctd_report_unparsed(const char* instrument, int fields);
 // A pass that gave a reading: the next failure is logged at once.
 void ctd_report_success(void);
 // Why the latest pass failed (empty after a good one).

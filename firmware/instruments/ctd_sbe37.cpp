@@ -131,13 +131,7 @@ void ctd_sbe37_parseData(void) {
     float temp = parsed ? strtof(cols[0], nullptr) : 0.0f;
     float sal = parsed ? strtof(cols[3], nullptr) : 0.0f;
     if (!parsed) {
-        char text[128];
-        snprintf(text, sizeof text,
-                 "Error:  sscanf for parsing MicroCat does not return 5 args.  ctd.state = %d.  TempC and "
-                 "salt are "
-                 "0.0",
-                 ctd.state);
-        ctd_report_failure(text);
+        ctd_report_unparsed("MicroCat", 5);
     } else if (!ctd_reading_plausible(temp, sal)) {
         temp = 0.0f;
         sal = 0.0f;

@@ -178,6 +178,21 @@ void check(bool ok, const char* what) {
     std::abort();
 }
 
+bool instrument_columns(const char* text, size_t size, uint32_t fields) {
+    if (memchr(text, 0, size) == nullptr) {
+        return false;
+    }
+    uint32_t tabs = 0;
+    for (const char* p = text; *p != '\0'; p++) {
+        if (*p == '\t') {
+            tabs++;
+        } else if (*p < ' ' || *p > '~') {
+            return false;
+        }
+    }
+    return tabs + 1 == fields;
+}
+
 std::string text_of(const uint8_t* data, size_t size) {
     std::string s(reinterpret_cast<const char*>(data), size);
     for (char& c : s) {

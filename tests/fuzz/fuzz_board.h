@@ -50,6 +50,10 @@ sim::test::Outcome run_watched(void (*fn)(), double seconds);
 // reports a broken invariant, so libFuzzer keeps the input.
 void check(bool ok, const char* what);
 
+// An instrument's text for the sample line: NUL-terminated within `size`, printable ASCII and tabs
+// only, and exactly `fields` tab-separated columns.
+bool instrument_columns(const char* text, size_t size, uint32_t fields);
+
 // The input as text that a line of firmware may hold: NULs become spaces.
 std::string text_of(const uint8_t* data, size_t size);
 

@@ -45,21 +45,6 @@ void pass(void) {
     }
 }
 
-bool columns_clean(uint32_t fields) {
-    if (memchr(uart3_prn_buf, 0, sizeof uart3_prn_buf) == nullptr) {
-        return false;
-    }
-    uint32_t tabs = 0;
-    for (const char* p = uart3_prn_buf; *p != '\0'; p++) {
-        if (*p == '\t') {
-            tabs++;
-        } else if (*p < ' ' || *p > '~') {
-            return false;
-        }
-    }
-    return tabs + 1 == fields;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -85,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     sim::test::Outcome o = fuzz::run_for(pass, limit);
     sim::test::set_poll(nullptr, 0);
     fuzz::check(o.returned, "a port-3 pass did not end within its time-out");
-    fuzz::check(columns_clean(g_driver->inst->fields),
+    fuzz::check(fuzz::instrument_columns(uart3_prn_buf, sizeof uart3_prn_buf, g_driver->inst->fields),
                 "the port-3 text does not hold exactly the group's columns as printable text");
     return 0;
 }

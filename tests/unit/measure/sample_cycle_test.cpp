@@ -36,6 +36,7 @@
 #include "instruments/ctd_base.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
+#include "sim/serial_port.h"
 #include "sim_test.h"
 #include "test_board.h"
 #include "storage/config.h"
@@ -51,15 +52,7 @@ std::vector<std::string> split_tabs(const std::string& text) {
         line.pop_back();
     }
     size_t start = line.rfind('\n');
-    line = start == std::string::npos ? line : line.substr(start + 1);
-    std::vector<std::string> out;
-    size_t pos = 0;
-    for (size_t tab = line.find('\t'); tab != std::string::npos; tab = line.find('\t', pos)) {
-        out.push_back(line.substr(pos, tab - pos));
-        pos = tab + 1;
-    }
-    out.push_back(line.substr(pos));
-    return out;
+    return serial_port::split_tabs(start == std::string::npos ? line : line.substr(start + 1));
 }
 
 using test_board::run_shell;
