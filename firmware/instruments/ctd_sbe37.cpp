@@ -118,7 +118,7 @@ bool split_reply(char* reply, const char** cols) {
     cols[4] = f[pressure ? 4 : 3];
     cols[5] = f[pressure ? 5 : 4];
     return inst_is_number(cols[0]) && inst_is_number(cols[1]) && inst_is_number(cols[3]) &&
-           (!pressure || inst_is_number(cols[2]));
+           (!pressure || inst_is_number(cols[2])) && inst_is_printable(cols[4]) && inst_is_printable(cols[5]);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // Replies of the CTD on serial port 4, as a faulty or hostile instrument would send them, into the
 // SBE37 and Aanderaa 5860 drivers: the byte-by-byte receive of a pass and the parse of the reply
 // line. A pass must end within its time limits, keep its text within the buffer with exactly the
-// CTD's columns, and hand the sample only a temperature and salinity the instrument can measure (or
-// the zeros of a failed parse).
+// CTD's columns as printable text, and hand the sample only a temperature and salinity the
+// instrument can measure (or the zeros of a failed parse).
 #include <cmath>
 #include <cstring>
 
@@ -75,13 +75,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     sim::test::Outcome o = fuzz::run_for(pass, PASS_LIMIT_S);
     sim::test::set_poll(nullptr, 0);
     fuzz::check(o.returned, "a CTD pass did not end within its time limits");
-    fuzz::check(memchr(uart4_prn_buf, 0, sizeof uart4_prn_buf) != nullptr, "the port-4 text lost its NUL");
-    uint32_t tabs = 0;
-    for (const char* p = uart4_prn_buf; *p != '\0'; p++) {
-        tabs += *p == '\t' ? 1 : 0;
-    }
-    fuzz::check(tabs + 1 == (g_sbe37 ? CTD_SBE37_FIELDS : CTD_AAND5860_FIELDS),
-                "the port-4 text does not hold exactly the CTD's columns");
+    fuzz::check(fuzz::instrument_columns(uart4_prn_buf, sizeof uart4_prn_buf,
+                                         g_sbe37 ? CTD_SBE37_FIELDS : CTD_AAND5860_FIELDS),
+                "the port-4 text does not hold exactly the CTD's columns as printable text");
     if (ctd.state == CTD_STATE_FAILED) {
         return 0;
     }
