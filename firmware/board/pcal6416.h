@@ -1,5 +1,6 @@
-// PCAL6416 16-bit I/O expander of the HXC3 baseboard on I2C0 (address 0x20): the pump, valve and
-// monitor power switches on port 0 (pins 0..7, outputs), spare inputs on port 1 (pins 8..15).
+// PCAL6416 16-bit I/O expander of the HXC3 baseboard on I2C0 (address 0x20): the pump, valve,
+// monitor, UV spectrometer and lamp power switches on port 0 (pins 0..7, outputs), spare inputs on port 1
+// (pins 8..15).
 //
 // For the sample cycle and the pumps:
 //   int32_t pcal6416_write_pin(uint32_t pin, uint32_t level)  drives an output pin (0..7) low (0)
@@ -20,8 +21,8 @@ constexpr uint32_t PCAL6416_VALVE1 = 2;
 constexpr uint32_t PCAL6416_VALVE2 = 3;
 constexpr uint32_t PCAL6416_PWR_ENV_MON = 4;  // housing sensor supply
 constexpr uint32_t PCAL6416_PWR_VBAT_MON = 5; // battery monitor supply
-constexpr uint32_t PCAL6416_SPARE_OUT6 = 6;
-constexpr uint32_t PCAL6416_SPARE_OUT7 = 7;
+constexpr uint32_t PCAL6416_PWR_SPEC = 6;     // UV spectrometer supply
+constexpr uint32_t PCAL6416_PWR_LAMP = 7;     // its lamp supply
 constexpr uint32_t PCAL6416_OUTPUT_PINS = 8;
 constexpr uint32_t PCAL6416_PINS = 16;
 

@@ -11,14 +11,15 @@
 //          driver hands PD0/PD2/PD3 to SSI3 while the isolated side is powered; until then they
 //          idle as in its power-down: PD0, PD1, PD3 driven low, PD2 an input
 //   UART6  PD4 RX, PD5 TX           spare instrument port
-//   UART2  PD6 RX, PD7 TX           spare instrument port
+//   UART2  PD6 RX, PD7 TX           UV spectrometer
 //   PE0 isolated supply enable (low: off), PE1 ADC data-ready (input), PE2 ADC START, PE3 ADC
 //          reset (outputs, high)
 //   PE4 serial flash chip 1 select (output, high), PE5 serial flash supply (output, low: off)
 //
 // UART5 (PE4/PE5) and UART7 (PE0/PE1) have no other pins on this package; the board needs those
 // lines, so the two UARTs are not brought out.
-//   PF0 watchdog enable, PF1 watchdog feed, PF2 red LED, PF3 green LED (outputs)
+//   PF0 watchdog enable, PF1 watchdog feed, PF2 red LED, PF3 green LED, PF4 the UV spectrometer
+//          port's RTS: its line driver's supply (outputs, low)
 //
 // PC0-PC3 stay JTAG. PD7 and PF0 come out of reset locked (NMI pins): their function and digital
 // enable cannot change until they are unlocked.
@@ -95,7 +96,7 @@ void port_e(void) {
 }
 
 void port_f(void) {
-    uint8_t pins = GPIO_PIN_0 | GPIO_PIN_1 | GPIO_PIN_2 | GPIO_PIN_3;
+    uint8_t pins = GPIO_PIN_0 | GPIO_PIN_1 | GPIO_PIN_2 | GPIO_PIN_3 | GPIO_PIN_4;
     GPIOUnlockPin(GPIO_PORTF_BASE, GPIO_PIN_0);
     GPIOPinTypeGPIOOutput(GPIO_PORTF_BASE, pins);
     GPIOPinWrite(GPIO_PORTF_BASE, pins, 0);

@@ -18,6 +18,7 @@
 #include "driverlib/systick.h"
 #include "hostlink/apf.h"
 #include "hostlink/serial.h"
+#include "measure/apf_math.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "spectrometer/uvs.h"
@@ -242,7 +243,9 @@ void init_hxc(void) {
     }
     init_apf_global_vars();
     IOPwrUp();
-    Zcoefs = LoadIsusZCoefs();
+    // Only a nitrate float reads the calibration at every start; in the other modes the card is left
+    // alone at each wake and the nitrate words load it when first asked.
+    Zcoefs = apf.sys_sensor_mode == 1 && microSD_flg == 1 ? LoadIsusZCoefs() : 0;
     if (Zcoefs > 0) {
         InitLambdaArray();
         debug_line("DBG: ECoefs commented out");
@@ -269,6 +272,7 @@ int IOPwrDown(void) {
         f_close(err_file);
         err_file = nullptr;
     }
+    uvs_power_down();
     uvs_set_rts(0);
     return 0;
 }

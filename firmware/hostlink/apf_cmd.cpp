@@ -2,7 +2,7 @@
 // words that arrive here lower-cased in rx0.buf; each handler reads what it needs from the line,
 // changes the float record `apf` (stored to FRAM after every change) and answers with one line that
 // begins "ACK," or "NAK,". Also the pH sample reply with its CRC prefix, its copy in FRAM for "SL",
-// the float log file on the card and the status card.
+// the float log file on the card and the status card. The nitrate words are in apf_nitrate.cpp.
 #include "hostlink/apf_cmd.h"
 
 #include <cctype>
@@ -46,19 +46,10 @@ bool apf_log_open = false;
 constexpr char ISUSDURA_HEADER[] =
     "Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],pHint,pHext,Sample Time[s],CTD Time[s],"
     "Humidity[%],Vbat[V],Board Temp[C],System Current[A],Vtherm std[V],Temp[C],Vk[V],Vrsi[V],"
-    "Vrsi std[V],Vrse[V],Vrse std[V],Ik,Ib\n";
-
-// Appends to the open float log; a failure shows with the debug output.
-void write_log(const char* text, size_t len) {
-    if (!apf_log_open) {
-        return;
-    }
-    FRESULT fr = sd_append_write(text, static_cast<uint32_t>(len));
-    if (fr != FR_OK) {
-        dbg_printf("%s f_write error: %s\r\n", APF_LOG_FILENAME,
-                   sd_append_result_text(AppendStep::write, fr));
-    }
-}
+    "Vrsi std[V],Vrse[V],Vrse std[V],Ik,Ib\n"
+    "Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],NO3[umol/kg],Fit RMS,Baseline A,Baseline B[1/nm],"
+    "Temp[C],Salinity,Dark[counts],Dark std[counts],Light[counts],Spec Temp[C],Integration[ms],"
+    "Sample Time[s],CTD Time[s],Pixels,Flags\n";
 
 const char* line(void) {
     return reinterpret_cast<const char*>(rx0.buf);
@@ -157,11 +148,6 @@ void apf_get_cfg(void) {
         uprintf("NAK,C,InvalidModeValue: %d\n", static_cast<int>(apf.sys_sensor_mode));
         break;
     }
-}
-
-// The spectrometer is not fitted in this build.
-void apf_get_cfg_isus(void) {
-    uprintf("NAK,C1,NotAvailable");
 }
 
 void apf_get_cfg_dura(void) {
@@ -312,11 +298,6 @@ void apf_get_ctd(void) {
             static_cast<double>(apf.CTD_Depth));
 }
 
-// The spectrometer is not fitted in this build.
-void apf_take_sample_nitrate(void) {
-    uprintf("NAK,T1,NotAvailable");
-}
-
 // The sample's line lands in prnBuf first; the reply is written after its first seven bytes, and
 // those seven bytes are deliberately left as they are for the log line and the CRC. The CRC then
 // overwrites them with its "0xHHHH," prefix. Keep the order: log, CRC, reply.
@@ -344,12 +325,9 @@ void apf_take_sample_pH(void) {
              static_cast<double>(sampl.fIb));
 
     if (OpenApfLogFile(2) == 0) {
-        if (apf.dura_reset_flag == 1 || sd_append_tell() == 0) {
-            print_write_isusdura_header();
-            apf.dura_reset_flag = 0;
-        }
-        write_log(prnBuf, strlen(prnBuf));
-        write_log("\n", 1);
+        apf_log_header_if_new();
+        apf_log_write(prnBuf, strlen(prnBuf));
+        apf_log_write("\n", 1);
         CloseApfLogFile();
     }
 
@@ -359,28 +337,32 @@ void apf_take_sample_pH(void) {
     memcpy(prnBuf, prefix, 6);
     prnBuf[6] = ',';
 
-    // The reply is kept with its line end, so that "SL" sends the same bytes again.
+    apf.dura_sample_ctr++;
+    apf.dura_sample_time = sampl.timestamp;
+    apf_keep_reply_for_sl();
+    fram_apf_vars_store();
+    uprintf("%s", prnBuf);
+}
+
+// The reply is kept with its line end, so that "SL" sends the same bytes again, also after a
+// hibernation. The caller stores the record.
+void apf_keep_reply_for_sl(void) {
     size_t len = strlen(prnBuf);
     prnBuf[len] = '\r';
     prnBuf[len + 1] = '\n';
     prnBuf[len + 2] = '\0';
     len += 2;
-    apf.dura_sample_ctr++;
-    apf.dura_sample_time = sampl.timestamp;
     apf.sendlast_byteCnt = static_cast<uint32_t>(len);
     fram_apf_dbuf_store(reinterpret_cast<uint8_t*>(prnBuf), static_cast<uint16_t>(len));
-    fram_apf_vars_store();
-    uprintf("%s", prnBuf);
-}
-
-// The spectrometer is not fitted in this build, so there is no nitrate line to send again.
-void apf_send_last_nitrate(void) {
-    uprintf("NAK,SL,NotAvailable");
 }
 
 void apf_send_last_pH(void) {
+    apf_send_last("DBG: apf_send_last_pH, byteCnt is 0\r\n");
+}
+
+void apf_send_last(const char* empty_note) {
     if (apf.sendlast_byteCnt == 0) {
-        uprintf("DBG: apf_send_last_pH, byteCnt is 0\r\n");
+        uprintf("%s", empty_note);
         uprintf("NAK,SL");
         return;
     }
@@ -434,11 +416,6 @@ void apf_get_spectra(void) {
     uprintf("Imp es Nada apf_get_spectra\r\n");
 }
 
-// The spectrometer is not fitted in this build.
-void apf_bake_uv_lamp(void) {
-    uprintf("NAK,BAKE,NotAvailable");
-}
-
 // What the board knows about its starts: firmware, serial number, power-on and reset counters, the
 // time of the last reset and the clock now.
 void apf_get_sysinfo(void) {
@@ -478,16 +455,18 @@ void apf_print_devStatus(void) {
     card_line("RTC,n  RTC,? - real-time clock, seconds");
     card_line("CTD,t,T,S,D  CTD,? - CTD values from the float, kept after its ACK");
     card_line("TS - mode governed: 0 for legacy pH, 1 for nitrate, 2 for pH.  use T1 or T2");
+    card_line("T1 - nitrate sample, reply line with CRC");
     card_line("T2 - pH sample, reply line with CRC");
     card_line("SL - send the last sample line again");
+    card_line("C1 - nitrate settings and the spectrometer's calibration");
+    card_line("BAKE - run the spectrometer lamp to clean its window");
     card_line("T, C2, CAL, SYS, SE,? - sample time, pH settings, calibration, start-up counters, error log");
     card_line("SLP - hibernate until the next wake");
     card_line("OFF - hibernate sent by APF to prep for power off");
     card_line("WDOG, STAT, DEV, DBG - watchdog, this card, debug output");
     card_heading("Commands partial: ");
-    card_line("C - pH settings only (mode 2)");
+    card_line("SL - one kept reply for both modes: after T2, SL in mode 1 sends the pH reply");
     card_heading("Commands not yet: ");
-    card_line("T1, C1, BAKE - need the UV spectrometer");
     card_line("S, SE - status and error records");
     card_heading("Commands not planned: ");
     card_line("FIT, SPECTRA");
@@ -541,5 +520,23 @@ void CloseApfLogFile(void) {
 }
 
 void print_write_isusdura_header(void) {
-    write_log(ISUSDURA_HEADER, sizeof ISUSDURA_HEADER - 1);
+    apf_log_write(ISUSDURA_HEADER, sizeof ISUSDURA_HEADER - 1);
+}
+
+void apf_log_header_if_new(void) {
+    if (apf.dura_reset_flag == 1 || sd_append_tell() == 0) {
+        print_write_isusdura_header();
+        apf.dura_reset_flag = 0;
+    }
+}
+
+void apf_log_write(const char* text, size_t len) {
+    if (!apf_log_open) {
+        return;
+    }
+    FRESULT fr = sd_append_write(text, static_cast<uint32_t>(len));
+    if (fr != FR_OK) {
+        dbg_printf("%s f_write error: %s\r\n", APF_LOG_FILENAME,
+                   sd_append_result_text(AppendStep::write, fr));
+    }
 }

@@ -1,8 +1,9 @@
 // The float controller's command words and their one-line replies ("ACK,..." or "NAK,..."), the
 // pH sample reply with its CRC prefix, the last-sample resend, the float log file on the card and
-// the status card.
+// the status card. The nitrate words are in apf_nitrate.cpp.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 void apf_print_ping_response(void);  // W
@@ -49,5 +50,14 @@ inline constexpr char APF_LOG_FILENAME[] = "APFLOG.TXT";
 // Opens the float log for appending (mode 2); 0 when open, non-zero when the card refused.
 uint32_t OpenApfLogFile(uint32_t mode);
 void CloseApfLogFile(void);
-// The log file's column header line.
+// The log file's column header lines, one for the pH lines and one for the nitrate lines; each
+// begins "Prefix,Type," and a line's Type says which header it follows.
 void print_write_isusdura_header(void);
+// The header, into a new file or after INIT.
+void apf_log_header_if_new(void);
+// Appends to the open float log; a failure shows with the debug output.
+void apf_log_write(const char* text, size_t len);
+// Keeps the reply in prnBuf (CR LF added) in FRAM for "SL" and records its length.
+void apf_keep_reply_for_sl(void);
+// "SL": the kept reply again, byte for byte; before any, empty_note then "NAK,SL".
+void apf_send_last(const char* empty_note);

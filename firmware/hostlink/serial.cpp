@@ -16,6 +16,7 @@
 #include "hostlink/apf.h"
 #include "hostlink/serial_cmd.h"
 #include "ports/uartstdio.h"
+#include "spectrometer/uvs.h"
 
 rxStateMach rx0 = {};
 
@@ -120,11 +121,13 @@ int32_t idle_byte(uint8_t c) {
 // powered by an interrupted controller session are switched off first.
 int32_t break_in(void) {
     if (apf.isus_spec_pwr == 1) {
-        apf.isus_spec_pwr = 0;
+        uvs_spec_power(0);
+        apf.isus_spec_pwr = uvs_spec_on ? 1 : 0;
         uprintf("\n  Spectrometer Power was left ON! Powering DOWN...\n");
     }
     if (apf.isus_lamp_pwr == 1) {
-        apf.isus_lamp_pwr = 0;
+        uvs_lamp_power(0);
+        apf.isus_lamp_pwr = uvs_lamp_on ? 1 : 0;
         uprintf("\n  Fiberlight Power was left ON! Powering DOWN...\n");
     }
     exec_main_menu();

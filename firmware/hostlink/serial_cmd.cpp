@@ -559,7 +559,7 @@ void print_cmd_big_help(void) {
     card_row("Sample Count", "S", "Imp es Nada apf_get_sc");
     card_row("Acquisition Time", "T", "ACK,T,1767225600");
     card_row("Configuration", "C", "ACK,C2,1,10,0,100,25,2");
-    card_row("Nitrate Config", "C1", "NAK,C1,NotAvailable");
+    card_row("Nitrate Config", "C1", "ACK,C1,1000,1,2,3,17,87,3,5000,1,0,1,30,91,UVS1234");
     card_row("pH Config", "C2", "ACK,C2,1,10,0,100,25,2");
     card_row("Calibration", "CAL", "ACK,CAL,-0.400000,-1.300000,...");
     card_row("Sensor Type", "Q", "ACK,Q,2");
@@ -574,16 +574,16 @@ void print_cmd_big_help(void) {
     card_row("CTD Values", "CTD,t,T,S,D", "ACK,CTD,1767225600,15.0000,35.0000,100.00");
     card_row("Get CTD Values", "CTD,?", "ACK,CTD?,1767225600,15.0000,35.0000,100.00");
     card_row("Take Sample", "TS", "the reply of T2 (mode 2) or T1 (mode 1)");
-    card_row("Nitrate Sample", "T1", "NAK,T1,NotAvailable");
+    card_row("Nitrate Sample", "T1", "0xFFFF,NO3,01/01/26 00:00:12,1,100.00,25.031,...");
     card_row("pH Sample", "T2", "0x1A2B,pH,01/01/26 00:00:00,...");
-    card_row("Send Last", "SL", "the last T2 reply again");
+    card_row("Send Last", "SL", "the last T1 or T2 reply again");
     card_row("Send Errors", "SE", "Imp es Nada apf_xfer_se, send error records");
     card_row("Error Summary", "SE,?", "ACK,SE?,2,-110,1767225600");
     card_row("Sleep", "SLP", "ACK,SLP");
     card_row("Power Off", "OFF", "ACK,OFF");
     card_row("Fit", "FIT", "Imp es Nada apf_set_fit");
     card_row("Spectra", "SPECTRA", "Imp es Nada apf_set_spectra");
-    card_row("Bake Lamp", "BAKE", "NAK,BAKE,NotAvailable");
+    card_row("Bake Lamp", "BAKE", "ACK,BAKE,30,21450.3");
     card_row("System Info", "SYS", "ACK,SYS,v5.0.3 HXC3 revA,...");
     card_row("Watchdog", "WDOG", "DEV: wdog.longest = 1001, tot = 35012");
     card_row("Debug Output", "DBG,1", "ACK,DBG,1");

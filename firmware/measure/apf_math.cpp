@@ -12,7 +12,8 @@
 
 #include "core/system.h"
 #include "ports/uartstdio.h"
-#include "spectrometer/uvs.h"
+
+uint32_t uvsDbgFlg = 0;
 
 namespace {
 

@@ -27,3 +27,7 @@ void ShortVectorMeanStdDev(uint32_t n, const uint16_t* v, float* mean, float* sd
 float CtoF(float c);
 // Not implemented: always 65535, which callers accept.
 uint16_t fCrc16Bit(const uint8_t* data);
+
+// The spectrometer's debug flag: 1 prints its start-up banner and debug lines, and the checksum's
+// note.
+extern uint32_t uvsDbgFlg;

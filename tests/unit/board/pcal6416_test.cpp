@@ -42,7 +42,7 @@ TEST_F(Pcal6416, OutputsChangeOneAtATime) {
     ASSERT_EQ(pcal6416_init(), 0);
     EXPECT_EQ(pcal6416_write_pin(PCAL6416_PUMP1, 1), 0);
     EXPECT_EQ(pcal6416_write_pin(PCAL6416_PWR_ENV_MON, 1), 0);
-    EXPECT_EQ(pcal6416_write_pin(PCAL6416_SPARE_OUT7, 5), 0); // any non-zero level is high
+    EXPECT_EQ(pcal6416_write_pin(PCAL6416_PWR_LAMP, 5), 0); // any non-zero level is high
     EXPECT_EQ(pcal6416_pin_levels(), 0xFF91);
     EXPECT_EQ(pcal6416_read_pin(PCAL6416_PWR_ENV_MON), 1);
 

@@ -67,6 +67,8 @@ class FloatCommands : public ::testing::Test {
         memset(prnBuf, 0, sizeof prnBuf);
         microSD_flg = 0;
         dbg_flag = 0;
+        uvs_cal_state = UvsCalState::not_loaded;
+        Zcoefs = 0;
         ASSERT_TRUE(sim::test::run(test_board::start_board_with_sensors).returned);
         sys_data.baud_rate = 115200;
         initSysDataVariables();
@@ -162,16 +164,21 @@ TEST_F(FloatCommands, FixedReplies) {
               0u);
 }
 
-// What the spectrometer would answer is refused plainly until one is fitted.
-TEST_F(FloatCommands, SpectrometerWordsAreNotAvailable) {
-    EXPECT_EQ(reply(apf_take_sample_nitrate, "t1"), "NAK,T1,NotAvailable");
-    EXPECT_EQ(reply(apf_bake_uv_lamp, "bake"), "NAK,BAKE,NotAvailable");
-    EXPECT_EQ(reply(apf_get_cfg_isus, "c1"), "NAK,C1,NotAvailable");
-    EXPECT_EQ(reply(apf_send_last_nitrate, "sl"), "NAK,SL,NotAvailable");
+// Without a card there is no spectrometer calibration: every nitrate word says so, counts it as a
+// spectrometer error, and "SL" has nothing to send.
+TEST_F(FloatCommands, NitrateWordsNameTheMissingCalibration) {
+    apf.sys_sensor_mode = 1;
+    EXPECT_EQ(reply(apf_take_sample_nitrate, "t1"), "NAK,T1,NoCard");
+    EXPECT_EQ(reply(apf_bake_uv_lamp, "bake"), "NAK,BAKE,NoCard");
+    EXPECT_EQ(reply(apf_get_cfg_isus, "c1"), "ACK,C1,1000,1,2,3,17,87,3,5000,1,0,1,30,0,NoCard");
+    EXPECT_EQ(reply(apf_send_last_nitrate, "sl"), "apf_send_last_nitrate, byteCnt is 0\r\nNAK,SL");
+    EXPECT_EQ(reply(apf_get_err, "e").substr(0, 8), "ACK,E,2,");
+    EXPECT_EQ(stored().isus_error_ctr, 2u);
+    EXPECT_EQ(stored().isus_last_error, -121);
     line("z");
     clear_out();
     uvs_dev_test(1);
-    EXPECT_EQ(out(), "NAK,Z,NotAvailable");
+    EXPECT_EQ(out(), "UV spectrometer test\r\nNAK,Z,NoCard");
 }
 
 // E, C and T answer for the sensor of the current mode and refuse the legacy mode.
@@ -185,7 +192,7 @@ TEST_F(FloatCommands, ModeGovernedReplies) {
     apf.sys_sensor_mode = 1;
     EXPECT_EQ(reply(apf_get_err, "e"), "ACK,E,4,100\n");
     EXPECT_EQ(reply(apf_get_acq_time, "t"), "ACK,T,300");
-    EXPECT_EQ(reply(apf_get_cfg, "c"), "NAK,C1,NotAvailable");
+    EXPECT_EQ(reply(apf_get_cfg, "c").substr(0, 7), "ACK,C1,");
     apf.sys_sensor_mode = 2;
     EXPECT_EQ(reply(apf_get_err, "e"), "ACK,E,5,200\n");
     EXPECT_EQ(reply(apf_get_acq_time, "t"), "ACK,T,400");
@@ -410,11 +417,12 @@ TEST_F(FloatCommandsOnCard, PhReplyCrcAndLogLine) {
     const std::string second = sample();
     const std::string log = card_file(APF_LOG_FILENAME);
     const std::vector<std::string> lines = split(log, '\n');
-    ASSERT_EQ(lines.size(), 4u) << log; // header, two samples, and the end after the last line end
-    EXPECT_EQ(lines[0].rfind("Prefix,Type,Date Time,SampleNum,", 0), 0u) << lines[0];
-    EXPECT_EQ(lines[3], "");
-    for (int i : {1, 2}) {
-        const std::string& reply_line = i == 1 ? first : second;
+    ASSERT_EQ(lines.size(), 5u) << log; // two headers, two samples, the end after the last line end
+    EXPECT_EQ(lines[0].rfind("Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],pHint,", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1].rfind("Prefix,Type,Date Time,SampleNum,CTD Depth[dbar],NO3[umol/kg],", 0), 0u);
+    EXPECT_EQ(lines[4], "");
+    for (int i : {2, 3}) {
+        const std::string& reply_line = i == 2 ? first : second;
         const std::string& log_line = lines[i];
         SCOPED_TRACE(log_line);
         // The log line is the reply after its prefix, with the buffer's earlier first seven bytes

@@ -15,7 +15,6 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
-#include "spectrometer/uvs.h"
 
 namespace {
 
