@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "core/main.h"
+#include "devices.h"
 #include "core/menu.h"
 #include "hostlink/apf.h"
 #include "hostlink/serial.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
+#include "spectrometer/uvs.h"
 
 namespace {
 
@@ -180,6 +182,11 @@ TEST_F(SerialSession, FourCarriageReturnsOpenTheMenuOnTheNextByte) {
 
     // The next byte, whatever it is, powers down what a controller left on and runs the menu, which
     // may end in sleep when nobody answers it.
+    ASSERT_TRUE(sim::test::run([] {
+                    uvs_spec_power(1);
+                    uvs_lamp_power(1);
+                }).returned);
+    ASSERT_EQ(sim::dev::pcal6416_pin_levels() & 0xC0, 0xC0);
     apf.isus_spec_pwr = 1;
     apf.isus_lamp_pwr = 1;
     clear_out();
@@ -192,6 +199,7 @@ TEST_F(SerialSession, FourCarriageReturnsOpenTheMenuOnTheNextByte) {
     EXPECT_LT(spectrometer, lamp);
     EXPECT_EQ(apf.isus_spec_pwr, 0u);
     EXPECT_EQ(apf.isus_lamp_pwr, 0u);
+    EXPECT_EQ(sim::dev::pcal6416_pin_levels() & 0xC0, 0) << "spectrometer and lamp supplies off";
     if (o.returned) {
         ASSERT_FALSE(g_results.empty());
         EXPECT_EQ(g_results.front(), 1);
