@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-// The rows after the header: start_utc, wake, awake_ms, sd_reads, sd_writes, tx_bytes[, stack_bytes].
+// The rows after the header: start_utc, wake, awake_ms, sd_reads, sd_writes, tx_bytes, stack_bytes
+// (empty in the host build), uvs_ms, lamp_ms.
 inline std::vector<std::vector<std::string>> read_stats_rows(const std::string& path) {
     std::vector<std::vector<std::string>> rows;
     std::ifstream in(path);

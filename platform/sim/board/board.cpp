@@ -275,9 +275,11 @@ std::string scenario_template() {
 # bias.pos = 3.6
 # bias.neg = -3.6
 
-# Oxygen (umol/L) for the optode, and the light (uW/cm^2/nm) the radiometer sees.
+# Oxygen (umol/L) for the optode, the light (uW/cm^2/nm) the radiometer sees, and nitrate (umol/kg)
+# for the UV spectrometer.
 # bath.o2 = 250
 # bath.light = 10.0
+# bath.no3 = 0.0
 
 # The instrument on port 3: none, optode, ocr, brisa or picoph, each also as NAME-silent,
 # NAME-garbage, NAME-slow (answers 10 s late) or NAME-short (its reply cut half way).
@@ -289,6 +291,13 @@ std::string scenario_template() {
 # port4 = none
 # port4.reply = "..."
 # port4.delay = 2.5
+
+# The UV spectrometer on UART2: present, none (not fitted), silent (powered, never answers), garbage
+# (answers with noise, its frames with a wrong checksum), lamp-fail (no light) or lamp-weak (5 %
+# of its light); the Gaussian noise on every pixel (counts) and its seed.
+# uvs = present
+# uvs.noise = 4
+# uvs.seed = 1
 
 # The microSD card: present, absent or protected; and its kind: sdhc, sdsc, sdv1, mmc or badv2.
 # card = present

@@ -22,7 +22,8 @@ std::string scenario_template();
 
 // Appends one line to the --stats file, with the header first when the file is new or empty.
 bool append_stats(const std::string& path, const std::string& line);
-constexpr const char* stats_header = "start_utc,wake,awake_ms,sd_reads,sd_writes,tx_bytes,stack_bytes";
+constexpr const char* stats_header =
+    "start_utc,wake,awake_ms,sd_reads,sd_writes,tx_bytes,stack_bytes,uvs_ms,lamp_ms";
 
 // "YYYY-MM-DD HH:MM:SS" (UTC) to RTC seconds; false when malformed.
 bool parse_utc(const std::string& text, uint32_t& seconds);

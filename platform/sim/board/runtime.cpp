@@ -239,6 +239,22 @@ HibState& hib() {
 PeriodStats& stats() {
     return shared().stats;
 }
+
+void on_time_switch(OnTime& t, bool on, uint64_t now) {
+    if (on == t.on) {
+        return;
+    }
+    if (t.on) {
+        t.ended_ns += now - t.since_ns;
+    }
+    t.on = on;
+    t.since_ns = now;
+}
+
+uint64_t on_time_ns(const OnTime& t, uint64_t now) {
+    return t.on ? t.ended_ns + (now - t.since_ns) : t.ended_ns;
+}
+
 WakeSource wake_source() {
     return shared().wake;
 }
@@ -523,7 +539,7 @@ const KeySpec key_specs[] = {
     {"bath.ph", KeySpec::number, 0.0, 14.0, nullptr},
     {"bath.temp", KeySpec::number, -5.0, 60.0, nullptr},
     {"bath.sal", KeySpec::number, 0.1, 60.0, nullptr},
-    {"bath.no3", KeySpec::number, 0.0, 1000.0, nullptr},
+    {"bath.no3", KeySpec::number, 0.0, 100.0, nullptr},
     {"bath.o2", KeySpec::number, 0.0, 1000.0, nullptr},
     {"bath.light", KeySpec::number, 0.0, 1000.0, nullptr},
     {"sensor.k0int", KeySpec::number, -3.0, 3.0, nullptr},
@@ -557,6 +573,9 @@ const KeySpec key_specs[] = {
      "aand5860-slow aand5860-short"},
     {"port4.reply", KeySpec::text, 0, 0, nullptr},
     {"port4.delay", KeySpec::number, 0.0, 60.0, nullptr},
+    {"uvs", KeySpec::name, 0, 0, "present none silent garbage lamp-fail lamp-weak"},
+    {"uvs.noise", KeySpec::number, 0.0, 1000.0, nullptr},
+    {"uvs.seed", KeySpec::whole, 0.0, 4294967295.0, nullptr},
 };
 
 bool is_one_of(const std::string& value, const char* names) {
@@ -704,12 +723,14 @@ std::string end_period() {
     if (g_stack_probe) {
         std::snprintf(stack, sizeof stack, "%u", g_stack_probe());
     }
-    char line[192];
-    std::snprintf(line, sizeof line, "%s,%s,%llu,%llu,%llu,%llu,%s", stamp, wake_name(s.wake),
+    char line[256];
+    std::snprintf(line, sizeof line, "%s,%s,%llu,%llu,%llu,%llu,%s,%llu,%llu", stamp, wake_name(s.wake),
                   static_cast<unsigned long long>((s.now_ns - s.period_start_ns) / ns_per_ms),
                   static_cast<unsigned long long>(s.stats.sd_reads),
                   static_cast<unsigned long long>(s.stats.sd_writes),
-                  static_cast<unsigned long long>(s.stats.tx_bytes), stack);
+                  static_cast<unsigned long long>(s.stats.tx_bytes), stack,
+                  static_cast<unsigned long long>(on_time_ns(s.stats.uvs_supply, s.now_ns) / ns_per_ms),
+                  static_cast<unsigned long long>(on_time_ns(s.stats.lamp_supply, s.now_ns) / ns_per_ms));
     return line;
 }
 

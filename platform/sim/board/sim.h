@@ -163,12 +163,25 @@ void sd_reset();
 // this process's firmware state stays untouched. False (and no file) when that fails.
 bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt);
 
+// How long a supply has been on in this period: the intervals it was on and ended, and since when it
+// is on now.
+struct OnTime {
+    uint64_t ended_ns;
+    uint64_t since_ns;
+    bool on;
+};
+
 // Counters for --stats (devices add to them; the runtime writes and resets them per period).
 struct PeriodStats {
     uint64_t sd_reads;
     uint64_t sd_writes;
     uint64_t tx_bytes;
+    OnTime uvs_supply;  // the spectrometer's
+    OnTime lamp_supply; // its lamp's
 };
 PeriodStats& stats();
+// A supply switched on or off at `now` (no change when it already was).
+void on_time_switch(OnTime& t, bool on, uint64_t now);
+uint64_t on_time_ns(const OnTime& t, uint64_t now);
 
 } // namespace sim

@@ -153,6 +153,7 @@ void devices_power_on() {
     dev::ssi_reset();
     dev::uart_reset();
     dev::instruments_power_on();
+    dev::uvs_power_on();
 }
 
 void devices_power_off() {
@@ -175,6 +176,7 @@ uint64_t devices_next_event_ns() {
     t = std::min(t, dev::ssi_next_event_ns());
     t = std::min(t, dev::ads1248_next_event_ns());
     t = std::min(t, dev::instruments_next_event_ns());
+    t = std::min(t, dev::uvs_next_event_ns());
     t = std::min(t, ahead(dev::i2c_next_event_ns()));
     return std::min(t, ahead(dev::eeprom_next_event_ns()));
 }
@@ -193,6 +195,9 @@ void devices_service(uint64_t now_ns) {
     }
     if (dev::instruments_next_event_ns() <= now_ns) {
         dev::instruments_service(now_ns);
+    }
+    if (dev::uvs_next_event_ns() <= now_ns) {
+        dev::uvs_service(now_ns);
     }
 }
 

@@ -39,6 +39,9 @@ int gpio_port_index(uint32_t port_base);
 uint8_t gpio_pad_levels(int port);
 // True when every pin of the mask is a GPIO output driving low (the way a chip select is asserted).
 bool gpio_driven_low(int port, uint8_t pins);
+// True when every pin of the mask is a push-pull GPIO output driving high (a line that switches
+// something on the board).
+bool gpio_driven_high(int port, uint8_t pins);
 // True when every pin of the mask is handed to a peripheral (alternate function).
 bool gpio_alternate(int port, uint8_t pins);
 // A chip outside the microcontroller drives input pads (data-ready, card detect) or lets them go.
@@ -117,6 +120,8 @@ void ina260_attach();
 void pcal6416_attach();
 // The levels on the expander's 16 pins (port 1 in the high byte), for tests.
 uint16_t pcal6416_pin_levels();
+// The pins a push-pull output drives high (port 1 in the high byte): what the supply switches see.
+uint16_t pcal6416_driven_high();
 
 // ---------------------------------------------------------------- instruments (serial_instrument.cpp)
 // What the scenario hangs on the serial ports: `port3` (UART3) the oxygen optode, the radiometer,
@@ -127,6 +132,19 @@ uint64_t instruments_next_event_ns();
 void instruments_service(uint64_t now_ns);
 // A byte the board sent on an instrument port (UART1 to UART7) reaches what hangs on that port.
 void instrument_tx(int port, uint8_t byte);
+
+// ---------------------------------------------------------------- UV spectrometer (uvs.cpp)
+// The spectrometer on UART2 (`uvs`), powered from the expander's port-0 pin 6, its lamp from pin 7,
+// its RS-232 driver switched by PF4. It starts every power-on period unpowered.
+void uvs_power_on();
+uint64_t uvs_next_event_ns();
+void uvs_service(uint64_t now_ns);
+// A byte the board sent on UART2.
+void uvs_receive(uint8_t byte, uint64_t now_ns);
+// The expander's outputs changed: the spectrometer and its lamp look whether their supplies did.
+void uvs_supplies_changed();
+// The factory calibration file a new board's card holds (UVSCAL.CSV).
+std::string uvs_calibration_file();
 
 // ---------------------------------------------------------------- serial flash (flash.cpp)
 SpiDevice& flash_device(int chip);

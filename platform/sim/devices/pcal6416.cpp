@@ -6,6 +6,10 @@
 // pcal6416_pin_levels() lets tests see the pins. `board.pcal6416 = 0` leaves the part off the
 // board.
 //
+// Port-0 pins 6 and 7 switch the UV spectrometer's supply and its lamp's. A supply switch sees a
+// high only from a push-pull output driving it: an input pin, or an open-drain output let go,
+// leaves the switch to its own pull-down, off. The spectrometer model hears of every change at once.
+//
 // I2C protocol: after the address byte for writing, the command byte selects a register; data
 // bytes follow, the pointer moving to the other register of the pair after each byte (0x02, 0x03,
 // 0x02, ...). Reads work the same way from the pointer.
@@ -73,6 +77,11 @@ class Pcal6416 : public I2cDevice {
     // Levels on the 16 pins, port 1 in the high byte.
     uint16_t pins() const { return static_cast<uint16_t>(port_pins(1) << 8 | port_pins(0)); }
 
+    // The pins driven high, port 1 in the high byte.
+    uint16_t driven_high() const {
+        return static_cast<uint16_t>(port_driven_high(1) << 8 | port_driven_high(0));
+    }
+
   private:
     uint8_t port_pins(int port) const {
         const uint8_t inputs = regs_[0x06 + port];
@@ -81,12 +90,22 @@ class Pcal6416 : public I2cDevice {
         return static_cast<uint8_t>((regs_[0x02 + port] & ~inputs) | (input_levels & inputs));
     }
 
+    // Output port configuration (0x4F): bit 0 makes port 0 open-drain, bit 1 port 1.
+    uint8_t port_driven_high(int port) const {
+        if (ext_[0x0F] & (1u << port)) {
+            return 0;
+        }
+        return static_cast<uint8_t>(regs_[0x02 + port] & ~regs_[0x06 + port]);
+    }
+
     void store(uint8_t reg, uint8_t value) {
         if (reg >= 0x02 && reg <= 0x07) {
             regs_[reg] = value;
         } else if (reg >= 0x40 && reg <= 0x4F && reg != 0x4C && reg != 0x4D && reg != 0x4E) {
             ext_[reg - 0x40] = value; // interrupt status is read-only
         }
+        // An output, a direction or the open-drain setting may have switched a supply.
+        uvs_supplies_changed();
     }
 
     uint8_t load(uint8_t reg) const {
@@ -123,6 +142,10 @@ void pcal6416_attach() {
 
 uint16_t pcal6416_pin_levels() {
     return g_pcal6416.pins();
+}
+
+uint16_t pcal6416_driven_high() {
+    return g_pcal6416.driven_high();
 }
 
 } // namespace sim::dev

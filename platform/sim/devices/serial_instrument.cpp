@@ -137,8 +137,14 @@ void line_service(SerialLine& line, uint64_t now) {
             line.out.pop_front();
         }
         line.free_ns = t + char_ns(line);
-        uart_receive(line.port, in_tune(line) ? b : garbled(b));
+        if (line_open(line)) {
+            uart_receive(line.port, in_tune(line) ? b : garbled(b));
+        }
     }
+}
+
+bool line_open(const SerialLine& line) {
+    return !line.driver_on || line.driver_on();
 }
 
 bool console_awake(Console& c, uint64_t now, uint64_t timeout_ns) {
@@ -234,6 +240,10 @@ void instruments_service(uint64_t now) {
 
 // A byte the board sent reaches the instruments on that port that listen, as they read it.
 void instrument_tx(int port, uint8_t byte) {
+    if (port == 2) {
+        uvs_receive(byte, now_ns());
+        return;
+    }
     if (port != 3 && port != 4) {
         return;
     }

@@ -21,11 +21,14 @@ Variant instrument_variant(const std::string& port_value, const char* name);
 // reached the board. Each piece of text is due at a time (when its first byte's stop bit ends, at
 // the earliest); pieces go out in the order of those times, a piece once begun is finished first,
 // and the bytes follow one another one character time apart. So an echo goes out at once even while
-// a measurement's answer waits for its time.
+// a measurement's answer waits for its time. A line with a `driver_on` test passes bytes only while
+// it says so (a line driver the board switches); bytes sent while it is off are lost.
 struct SerialLine {
-    SerialLine(int port_number, uint32_t bits_per_s) : port(port_number), baud(bits_per_s) {}
+    SerialLine(int port_number, uint32_t bits_per_s, bool (*driver)() = nullptr)
+        : port(port_number), baud(bits_per_s), driver_on(driver) {}
     int port;
     uint32_t baud;
+    bool (*driver_on)();
     struct Piece {
         uint64_t due_ns;
         std::string text;
@@ -55,6 +58,8 @@ uint64_t answer_delay_ns(Variant v, uint64_t usual_ns);
 uint64_t line_next_event_ns(const SerialLine& line);
 // Hands the board every byte that has arrived by `now`.
 void line_service(SerialLine& line, uint64_t now);
+// Whether a byte the board sends now reaches the instrument (its line driver is on).
+bool line_open(const SerialLine& line);
 
 // The command side of an instrument that sleeps between commands.
 struct Console {
@@ -89,6 +94,9 @@ void prompt_receive(const PromptConsole& p, Variant v, uint8_t byte, uint64_t no
 // Conductivity in S/m of seawater at practical salinity s and temperature t in degrees C, at the
 // surface (sbe37.cpp; the CTDs share it).
 double seawater_conductivity(double s, double t);
+// Density in kg/m3 of seawater at practical salinity s and temperature t in degrees C, at one
+// atmosphere (uvs.cpp).
+double seawater_density(double s, double t);
 
 // An Aanderaa sensor's console (the optode, the 5860). Asleep, any character wakes it and is lost.
 // Awake, it echoes every byte as it is when `echo` is set, and collects a command: "do sample", in

@@ -3,7 +3,8 @@
 // watchdog that hangs on port F.
 //
 // Board lines modelled here: PF0 enables the external watchdog (armed while high), a rising edge on
-// PF1 feeds it, PF2 and PF3 are the red and green LEDs (observable through sim::gpio_level).
+// PF1 feeds it, PF2 and PF3 are the red and green LEDs (observable through sim::gpio_level). PF4
+// (RTS of the spectrometer port) is read by the spectrometer model through gpio_driven_high.
 // The watchdog resets the board 60 s after the latest feed, or after it was armed.
 #include "devices.h"
 #include "registers.h"
@@ -225,6 +226,13 @@ bool gpio_driven_low(int port, uint8_t pins) {
     const Port& p = ports[port];
     uint8_t outputs = p.dir & static_cast<uint8_t>(~p.afsel);
     return (outputs & pins) == pins && (p.data & pins) == 0;
+}
+
+// An open-drain output set high lets go of its pad instead of driving it.
+bool gpio_driven_high(int port, uint8_t pins) {
+    const Port& p = ports[port];
+    uint8_t push_pull_outputs = p.dir & p.den & static_cast<uint8_t>(~p.afsel & ~p.odr);
+    return (push_pull_outputs & pins) == pins && (p.data & pins) == pins;
 }
 
 bool gpio_alternate(int port, uint8_t pins) {

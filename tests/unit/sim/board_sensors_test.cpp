@@ -2,6 +2,7 @@
 // BME280's forced-mode timing, skipped readings and paired register writes, the PCAL6416's register
 // pairs, and the INA260's configuration reset and power-down.
 #include "devices.h"
+#include "sim/i2c_master.h"
 #include "sim_test.h"
 
 #include "driverlib/i2c.h"
@@ -14,25 +15,8 @@
 
 namespace {
 
-void wait_idle() {
-    while (I2CMasterBusy(I2C0_BASE)) {
-    }
-}
-
-void command(uint32_t cmd) {
-    I2CMasterControl(I2C0_BASE, cmd);
-    wait_idle();
-}
-
-void send(uint8_t addr, const std::vector<uint8_t>& bytes) {
-    I2CMasterSlaveAddrSet(I2C0_BASE, addr, false);
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        I2CMasterDataPut(I2C0_BASE, bytes[i]);
-        const bool last = i + 1 == bytes.size();
-        command(i == 0 ? I2C_MASTER_CMD_BURST_SEND_START
-                       : (last ? I2C_MASTER_CMD_BURST_SEND_FINISH : I2C_MASTER_CMD_BURST_SEND_CONT));
-    }
-}
+using i2c_master::command;
+using i2c_master::send;
 
 std::vector<uint8_t> receive(uint8_t addr, uint8_t reg, size_t count) {
     I2CMasterSlaveAddrSet(I2C0_BASE, addr, false);
@@ -53,8 +37,7 @@ class BoardSensorModels : public ::testing::Test {
   protected:
     void SetUp() override {
         sim::test::reset_board();
-        SysCtlPeripheralEnable(SYSCTL_PERIPH_I2C0);
-        I2CMasterInitExpClk(I2C0_BASE, 50000000, true);
+        i2c_master::open();
     }
 };
 

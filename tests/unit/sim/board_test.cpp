@@ -86,7 +86,8 @@ TEST_F(BoardFilesTest, BrokenStateFilesAreRefused) {
     for (const char* text :
          {"bath.ph = abc\n", "bath.temp = nan\n", "bath.temp = 1e30\n", "card.type = bogus\n",
           "card = maybe\n", "bath.ph = 7.5 8\n", "no.such.key = 1\n", "hibernate.fail = 2.5\n",
-          "port3 = bogus\n", "port4 = ocr\n", "port4 = sbe37-loud\n", "bath.light = -2\n"}) {
+          "port3 = bogus\n", "port4 = ocr\n", "port4 = sbe37-loud\n", "bath.light = -2\n", "uvs = lamp-off\n",
+          "uvs.noise = 1001\n", "uvs.noise = x\n", "uvs.seed = 1.5\n", "bath.no3 = 100.5\n"}) {
         write("scenario.ini", text);
         testing::internal::CaptureStderr();
         EXPECT_FALSE(sim::board::load_scenario(dir + "/scenario.ini")) << text;
@@ -147,8 +148,9 @@ TEST_F(BoardFilesTest, PeriodLineHasTheContractedFields) {
     sim::test::advance_s(1.5);
     sim::stats().tx_bytes = 42;
     sim::stats().sd_reads = 3;
-    // The stack column stays empty: the host build has no emulated stack to measure.
-    EXPECT_EQ(sim::end_period(), "2026-01-01T00:00:00Z,power,1500,3,0,42,");
+    // The stack column stays empty: the host build has no emulated stack to measure. The
+    // spectrometer and its lamp stayed off.
+    EXPECT_EQ(sim::end_period(), "2026-01-01T00:00:00Z,power,1500,3,0,42,,0,0");
     EXPECT_EQ(sim::end_period(), "") << "a period is written once";
 }
 

@@ -20,13 +20,15 @@ struct Rx {
     char c;
 };
 
+// The UARTs' register blocks lie 4 KiB apart.
 inline uint32_t base(int port) {
-    return port == 3 ? UART3_BASE : UART4_BASE;
+    return UART0_BASE + 0x1000u * static_cast<uint32_t>(port);
 }
 
-// UART3 or UART4 at `baud`, 8N1, from the 16 MHz precision oscillator as the firmware runs them.
+// An instrument port (UART2 to UART4) at `baud`, 8N1, from the 16 MHz precision oscillator as the
+// firmware runs them.
 inline void open(int port, uint32_t baud) {
-    SysCtlPeripheralEnable(port == 3 ? SYSCTL_PERIPH_UART3 : SYSCTL_PERIPH_UART4);
+    SysCtlPeripheralEnable(SYSCTL_PERIPH_UART0 + static_cast<uint32_t>(port));
     UARTClockSourceSet(base(port), UART_CLOCK_PIOSC);
     UARTConfigSetExpClk(base(port), 16000000, baud,
                         UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE);
