@@ -158,10 +158,17 @@ const std::vector<SdCommand>& sd_commands();
 void sd_clear_commands();
 // Back to a new board: no image set, no power cut pending, no commands recorded.
 void sd_reset();
+// A file a new card comes with, in its root directory.
+struct CardFile {
+    std::string name; // 8.3
+    std::string text;
+};
 // Makes `path` a new, sparse card image of `bytes` bytes formatted by the firmware's own f_mkfs
-// (fmt: FM_FAT or FM_FAT32, one FAT, no partition table), run on the card model in a child process so that
-// this process's firmware state stays untouched. False (and no file) when that fails.
-bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt);
+// (fmt: FM_FAT or FM_FAT32, one FAT, no partition table) and holding `files`, written by the
+// firmware's own FAT module, run on the card model in a child process so that this process's
+// firmware state stays untouched. False (and no file) when that fails.
+bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt,
+                   const std::vector<CardFile>& files = {});
 
 // How long a supply has been on in this period: the intervals it was on and ended, and since when it
 // is on now.

@@ -5,6 +5,7 @@
 // lost. While the board hibernates no firmware runs; the supervisor lets time pass to the wake.
 #include "board.h"
 #include "chip.h"
+#include "devices.h"
 #include "runtime.h"
 #include "script.h"
 
@@ -615,10 +616,11 @@ bool prepare_board() {
     if (!exists(scenario) && !write_file(scenario, board::scenario_template())) {
         return false;
     }
-    // A new card, formatted as a PC would format it (FAT32), by the firmware's own FAT module. A
-    // board without one runs on with an empty slot.
+    // A new card, formatted as a PC would format it (FAT32), by the firmware's own FAT module, with
+    // the spectrometer's factory calibration on it. A board without one runs on with an empty slot.
     std::string card = path_in_board("sdcard.img");
-    if (!exists(card) && !sd_make_image(card, card_bytes, FM_FAT32)) {
+    if (!exists(card) &&
+        !sd_make_image(card, card_bytes, FM_FAT32, {{"UVSCAL.CSV", dev::uvs_calibration_file()}})) {
         message("no card image in %s: the microSD slot is empty", g_opt.board.c_str());
     }
     return true;

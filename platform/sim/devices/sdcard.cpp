@@ -782,6 +782,33 @@ bool g_attached = false;
     _exit(5);
 }
 
+// Writes each file into the root directory of the volume just made, as the firmware writes its own.
+FRESULT write_card_files(const std::vector<CardFile>& files) {
+    if (files.empty()) {
+        return FR_OK;
+    }
+    static FATFS fs;
+    FRESULT fr = f_mount(&fs, "", 1);
+    for (size_t i = 0; fr == FR_OK && i < files.size(); ++i) {
+        FIL f;
+        fr = f_open(&f, files[i].name.c_str(), FA_WRITE | FA_CREATE_NEW);
+        if (fr != FR_OK) {
+            break;
+        }
+        UINT written = 0;
+        fr = f_write(&f, files[i].text.data(), static_cast<UINT>(files[i].text.size()), &written);
+        if (fr == FR_OK && written != files[i].text.size()) {
+            fr = FR_DENIED; // the volume is full
+        }
+        FRESULT closed = f_close(&f);
+        if (fr == FR_OK) {
+            fr = closed;
+        }
+    }
+    f_unmount("");
+    return fr;
+}
+
 } // namespace
 
 void sdcard_attach() {
@@ -821,7 +848,7 @@ void sd_reset() {
     dev::g_card.open_image();
 }
 
-bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt) {
+bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt, const std::vector<CardFile>& files) {
     int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
     if (fd < 0 || ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
         message("cannot create %s: %s", path.c_str(), std::strerror(errno));
@@ -862,6 +889,9 @@ bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt) {
         // One FAT: a power cut between the updates of two copies would leave them disagreeing.
         opt.n_fat = 1;
         FRESULT fr = f_mkfs("", &opt, work, sizeof work);
+        if (fr == FR_OK) {
+            fr = dev::write_card_files(files);
+        }
         _exit(fr == FR_OK ? 0 : 10 + static_cast<int>(fr));
     }
     int status = 0;
@@ -870,7 +900,7 @@ bool sd_make_image(const std::string& path, uint64_t bytes, uint8_t fmt) {
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         if (code >= 10) {
-            message("formatting %s failed: f_mkfs returned %d", path.c_str(), code - 10);
+            message("formatting %s failed: the FAT module returned %d", path.c_str(), code - 10);
         } else {
             message("formatting %s failed", path.c_str());
         }

@@ -1,6 +1,7 @@
 // The UV spectrometer model on UART2 as the board drives it: its supplies on the expander, its RS-232
 // driver on PF4, the text commands, the scan frame, the spectra against its own calibration file
-// and the bath, its faulty variants and the supplies' on-times in --stats.
+// and the bath, its faulty variants, the new card's calibration file and the supplies' on-times in
+// --stats.
 #include "devices.h"
 #include "runtime.h"
 #include "serial_instrument.h"
@@ -12,14 +13,18 @@
 #include "driverlib/gpio.h"
 #include "inc/hw_gpio.h"
 #include "inc/hw_uart.h"
+#include "storage/fatfs/ff.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -342,7 +347,7 @@ TEST_F(UvsModel, RegisterDoorReachesTheSameModel) {
     EXPECT_EQ(got, "T,20.00\r\n"); // fits the receive FIFO
 }
 
-TEST_F(UvsModel, CalibrationFileIsTheModels) {
+TEST_F(UvsModel, CalibrationFileIsTheModelsAndGoesOnANewCard) {
     std::string text = sim::dev::uvs_calibration_file();
     EXPECT_EQ(text.rfind("# UV spectrometer calibration, UVS1234\n"
                          "H,serial,UVS1234\n"
@@ -360,6 +365,18 @@ TEST_F(UvsModel, CalibrationFileIsTheModels) {
     EXPECT_EQ(text.substr(text.size() - last.size()), last);
     EXPECT_EQ(parse_calibration(text).rows.size(), 91u);
     EXPECT_EQ(text.find('\r'), std::string::npos);
+
+    std::string image = "/tmp/hxc3-uvs-card-" + std::to_string(getpid()) + ".img";
+    ASSERT_TRUE(sim::sd_make_image(image, 64ull << 20, FM_FAT32, {{"UVSCAL.CSV", text}}));
+    std::string copy = image + ".csv";
+    EXPECT_EQ(std::system(("MTOOLS_SKIP_CHECK=1 mcopy -n -i " + image + " ::UVSCAL.CSV " + copy).c_str()), 0);
+    std::ifstream in(copy, std::ios::binary);
+    std::ostringstream got;
+    got << in.rdbuf();
+    EXPECT_EQ(got.str(), text);
+    EXPECT_EQ(std::system(("fsck.fat -n " + image + " >/dev/null 2>&1").c_str()), 0);
+    unlink(copy.c_str());
+    unlink(image.c_str());
 }
 
 TEST_F(UvsModel, SupplyOnTimesGoToTheStatsLine) {
