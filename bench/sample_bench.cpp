@@ -5,6 +5,7 @@
 // (power-up of the isolated side, the multiplexer and bias-selector settling, the 151 ms settle of
 // the housing sensors). The share outside those waits is what the firmware itself costs: SPI and
 // I2C transfers, formatting, the console line and, with a CTD, the instrument's wake and reply.
+#include "bench_board.h"
 #include "sim_test.h"
 
 #include "board/bme280.h"
@@ -24,19 +25,6 @@
 #include <cstring>
 
 namespace {
-
-void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
-    i2c0_init(0);
-    fram_init();
-    bme280_init();
-    pcal6416_init();
-}
 
 // Conversion time of n conversions at a data rate, from the converter's data sheet (cycles of its
 // 4.096 MHz oscillator): the first after a register write waits for the digital filter to settle,
@@ -102,7 +90,7 @@ void sample_once(benchmark::State& state, const Setup& setup) {
     for (auto _ : state) {
         state.PauseTiming();
         sim::test::reset_board();
-        sim::test::run(start_board);
+        sim::test::run(bench::start_board);
         std::memset(&sys_samp, 0, sizeof sys_samp);
         initSysDataVariables();
         sys_data.app_cfg[APPCFG_MICROSD_ENABLE] = 0;

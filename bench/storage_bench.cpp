@@ -4,6 +4,7 @@
 // by mkfs.fat and on a new board's card (fat:0, FAT32 formatted by the firmware). The appends follow
 // the data logger's pattern (appendBufferToSDCard: open, seek to the end, write, close); each run
 // appends one more day (96 lines) and reports the mean per line.
+#include "bench_board.h"
 #include "sim_test.h"
 
 #include "board/i2c0.h"
@@ -27,16 +28,6 @@ namespace {
 
 constexpr int lines_per_day = 96;
 constexpr uint64_t card_sectors = 524288; // 256 MiB
-
-void start_board(void) {
-    SysCtlClockSet(SYSCTL_SYSDIV_4 | SYSCTL_USE_PLL | SYSCTL_OSC_MAIN | SYSCTL_XTAL_16MHZ);
-    init_TM4C123GH6PM_64pin();
-    SysTickPeriodSet(SysCtlClockGet() / 1000);
-    SysTickIntEnable();
-    SysTickEnable();
-    IntMasterEnable();
-    i2c0_init(0);
-}
 
 // A data line of the usual width (about 150 bytes): time, sample number, pH, temperature, the
 // electrode and supply voltages.
@@ -100,7 +91,7 @@ void BM_AppendLine(benchmark::State& state) {
     }
     sim::test::reset_board();
     sim::sd_set_image(image);
-    sim::test::run(start_board);
+    sim::test::run(bench::start_clocks);
     std::memset(sys_data.fileName, 0, sizeof sys_data.fileName);
     std::memcpy(sys_data.fileName, "DATA.TXT", 8);
     init_uSDCard();

@@ -275,7 +275,7 @@ UvsResult fit(const UvsSettings& s, const UvsWater& water, uint32_t beg, uint32_
         out->temp_used = uvs_cal.cal_temp;
     }
     uint32_t row = beg - uvs_cal.first_pixel;
-    NitrateSpectrum sp{uvs_lambda + beg, uvs_cal.eno3 + row, uvs_cal.esw + row, uvs_cal.reference + row,
+    NitrateSpectrum sp{uvs_lambda + row, uvs_cal.eno3 + row, uvs_cal.esw + row, uvs_cal.reference + row,
                        dark_row + row,   light_row + row,    end - beg + 1};
     NitrateSetup setup{};
     setup.temp = out->temp_used;

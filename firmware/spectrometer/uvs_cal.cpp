@@ -11,7 +11,7 @@
 
 int Zcoefs = 0;
 UvsCal uvs_cal = {};
-float uvs_lambda[UVS_PIXELS_MAX] = {};
+float uvs_lambda[UVS_COEFS_MAX] = {};
 UvsCalState uvs_cal_state = UvsCalState::not_loaded;
 uint32_t uvs_cal_bad_line = 0;
 
@@ -196,15 +196,15 @@ void refuse(uint32_t line) {
 uint32_t uvs_cal_parse(const char* text, uint32_t len, UvsCal* cal) {
     Parser p{};
     begin(p, cal);
-    static LineFeeder lf;
-    lf.len = 0;
-    lf.overlong = false;
+    LineFeeder lf{};
     uint32_t bad = feed(p, lf, text, len);
     return bad != 0 ? bad : finish(p, lf);
 }
 
+// The file object lives on the stack: the load runs at start-up or under one float word, never
+// deep in a call chain, and RAM is short.
 int LoadIsusZCoefs(void) {
-    static FIL fil;
+    FIL fil;
     Zcoefs = 0;
     FRESULT fr = f_open(&fil, UVS_CAL_FILENAME, FA_READ);
     if (fr != FR_OK) {
@@ -213,9 +213,7 @@ int LoadIsusZCoefs(void) {
     }
     Parser p{};
     begin(p, &uvs_cal);
-    static LineFeeder lf;
-    lf.len = 0;
-    lf.overlong = false;
+    LineFeeder lf{};
     uint32_t bad = 0;
     char chunk[64];
     UINT got = 0;
@@ -244,9 +242,9 @@ int LoadIsusZCoefs(void) {
 
 void InitLambdaArray(void) {
     const float* c = uvs_cal.lambda_coefs;
-    for (uint32_t p = 0; p < UVS_PIXELS_MAX; p++) {
-        float x = static_cast<float>(p);
-        uvs_lambda[p] = c[0] + x * (c[1] + x * (c[2] + x * c[3]));
+    for (uint32_t r = 0; r < uvs_cal.rows; r++) {
+        float x = static_cast<float>(uvs_cal.first_pixel + r);
+        uvs_lambda[r] = c[0] + x * (c[1] + x * (c[2] + x * c[3]));
     }
 }
 

@@ -43,8 +43,8 @@ enum class UvsCalState : uint8_t { not_loaded, loaded, no_card, missing, malform
 // Number of coefficient rows loaded by LoadIsusZCoefs (0 when none).
 extern int Zcoefs;
 extern UvsCal uvs_cal;
-// Wavelength of each pixel, nm, from InitLambdaArray.
-extern float uvs_lambda[UVS_PIXELS_MAX];
+// Wavelength of each calibrated pixel (row r is pixel first_pixel + r), nm, from InitLambdaArray.
+extern float uvs_lambda[UVS_COEFS_MAX];
 extern UvsCalState uvs_cal_state;
 // The file's line that was refused (malformed).
 extern uint32_t uvs_cal_bad_line;
