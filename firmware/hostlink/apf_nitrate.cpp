@@ -155,7 +155,8 @@ void apf_bake_uv_lamp(void) {
         refuse("BAKE", r);
         return;
     }
-    uprintf("ACK,BAKE,%lu,%.1f", static_cast<unsigned long>(apf.isus_clean_lamp), static_cast<double>(light));
+    uprintf("ACK,BAKE,%lu,%.1f", static_cast<unsigned long>(uvs_lamp_seconds(apf.isus_clean_lamp)),
+            static_cast<double>(light));
 }
 
 // The settings a nitrate sample runs with, then the calibration: its rows and the spectrometer it

@@ -297,6 +297,10 @@ UvsResult fit(const UvsSettings& s, const UvsWater& water, uint32_t beg, uint32_
 
 } // namespace
 
+uint32_t uvs_lamp_seconds(uint32_t seconds) {
+    return seconds < UVS_LAMP_SECONDS_MAX ? seconds : UVS_LAMP_SECONDS_MAX;
+}
+
 void uvs_set_rts(uint32_t on) {
     GPIOPinWrite(GPIO_PORTF_BASE, rts_pin, on != 0 ? rts_pin : 0);
 }
@@ -357,7 +361,7 @@ UvsResult uvs_lampPwrOnUsingSpec(const UvsSettings& s, float dark_mean, float* w
         return UvsResult::bad_window;
     }
     uvs_lamp_power(1);
-    delay_msec(s.warm_lamp_s * 1000);
+    delay_msec(uvs_lamp_seconds(s.warm_lamp_s) * 1000);
     UvsResult r = scan_window(end);
     if (r != UvsResult::ok) {
         return r;

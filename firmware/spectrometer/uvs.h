@@ -17,6 +17,9 @@
 
 constexpr uint32_t UVS_PORT = 2;
 constexpr uint32_t UVS_BAUD = 115200;
+// Longest lamp warm-up or bake: ten minutes is more than any lamp needs, and a word garbled in FRAM
+// cannot keep the lamp burning for days.
+constexpr uint32_t UVS_LAMP_SECONDS_MAX = 600;
 
 enum class UvsResult : uint8_t {
     ok,
@@ -68,6 +71,8 @@ struct UvsSample {
 extern bool uvs_spec_on;
 extern bool uvs_lamp_on;
 
+// A warm-up or bake time as the lamp gets it: at most UVS_LAMP_SECONDS_MAX.
+uint32_t uvs_lamp_seconds(uint32_t seconds);
 void uvs_set_rts(uint32_t on);
 void uvs_spec_power(uint32_t on);
 void uvs_lamp_power(uint32_t on);
