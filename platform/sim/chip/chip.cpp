@@ -10,7 +10,10 @@
 // Interrupts: an enabled, pending interrupt whose priority beats the running one is taken between
 // blocks unless PRIMASK masks it. The processor's whole register and FPU context is saved, an
 // exception frame is pushed on the stack (so stack use is as on the chip), and the handler runs
-// until it returns to a trap address; then the context is restored exactly.
+// until it returns to a trap address; then the context is restored exactly. Unicorn ends a
+// translated block at every 1 KiB page boundary, also inside an IT block: as on the chip, the
+// handler starts with the IT state cleared, and the return gives the interrupted code the rest of
+// its IT block.
 //
 // Faults: an unmapped or protected access, an undefined instruction, an unaligned access that
 // faults, a bus fault from a register access (no peripheral there, or its clock is off) and a stack
@@ -39,6 +42,7 @@ constexpr uint32_t return_trap = 0x1FFF0000;
 constexpr uint32_t paint_word = 0xC5C5C5C5;
 constexpr uint32_t sp_check_blocks = 4096;
 constexpr int hard_fault = 3;
+constexpr uint32_t epsr_thumb = 1u << 24;
 // A stop costs about as much as a few thousand emulated loop iterations: shorter delays just run.
 constexpr uint32_t delay_skip_min = 8;
 
@@ -235,6 +239,12 @@ void save_context(Context& ctx) {
     }
 }
 
+// Code entered from outside (a handler, a test's call) starts in Thumb state and outside any IT
+// block, whatever the code it interrupted or replaced was doing.
+void clear_it_state() {
+    set_reg(UC_ARM_REG_EPSR, epsr_thumb);
+}
+
 void restore_context(const Context& ctx) {
     for (int i = 0; i < 32; ++i) {
         set_reg(UC_ARM_REG_S0 + i, ctx.s[i]);
@@ -244,7 +254,7 @@ void restore_context(const Context& ctx) {
     set_reg(UC_ARM_REG_FAULTMASK, ctx.faultmask);
     set_reg(UC_ARM_REG_BASEPRI, ctx.basepri);
     set_reg(UC_ARM_REG_PRIMASK, ctx.primask);
-    set_reg(UC_ARM_REG_XPSR, ctx.xpsr);
+    set_reg(UC_ARM_REG_XPSR_NZCVQG, ctx.xpsr); // UC_ARM_REG_XPSR would leave out the GE bits
     for (int i = 0; i < 16; ++i) {
         set_reg(core_regs[i], ctx.core[i]);
     }
@@ -273,6 +283,7 @@ bool take_exception(int vector) {
     set_reg(UC_ARM_REG_SP, frame_sp);
     set_reg(UC_ARM_REG_LR, return_trap | 1);
     set_reg(UC_ARM_REG_PC, handler & ~1u);
+    clear_it_state();
 
     int previous_vector = c.active_vector;
     int previous_priority = c.active_priority;
@@ -572,6 +583,7 @@ bool call_at(uint32_t address, std::initializer_list<uint32_t> args, uint32_t* r
     set_reg(UC_ARM_REG_SP, sp);
     set_reg(UC_ARM_REG_LR, return_trap | 1);
     set_reg(UC_ARM_REG_PC, address & ~1u);
+    clear_it_state();
     c.call_deadline = now_ns() + max_ns;
     c.call_expired = false;
     uint32_t faults_before = c.fault_count;

@@ -1,6 +1,7 @@
 // The target image on the emulated chip, one function of it at a time: the clock and delay timing,
 // the clock set-up without a crystal, the SD card's and the console's bit clocks as the image's own
-// drivers program them, faults, and interrupts that leave the interrupted code's registers intact.
+// drivers program them, faults, and interrupts that leave the interrupted code's registers intact
+// (an IT block's condition included) and run their handlers outside it.
 #include "chip.h"
 #include "devices.h"
 #include "runtime.h"
@@ -15,6 +16,7 @@
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <unicorn/unicorn.h>
 
 namespace {
@@ -199,6 +201,60 @@ TEST_F(Chip, InterruptsPreserveTheInterruptedRegisters) {
     EXPECT_TRUE(std::isfinite(as_float(alone)));
     EXPECT_GT(chip::stack_high_water(), 32u);
     EXPECT_LT(chip::stack_high_water(), 8192u);
+}
+
+// Unicorn ends a translated block at each 1 KiB page, also between an IT instruction and the ones it
+// makes conditional, and an interrupt is taken there. Scratch code in RAM puts an ITE across a page
+// boundary and pends SysTick just before it; a handler of its own, at SysTick's vector, stores a
+// flag through an address its first instruction loads and changes the GE flags.
+TEST_F(Chip, AnInterruptInsideAnItBlockRunsItsHandlerUnconditionally) {
+    constexpr uint32_t page = 0x20007000;
+    constexpr uint32_t code = page - 8;
+    constexpr uint32_t handler = page + 0x100;
+    constexpr uint32_t flag = page + 0x200;
+    constexpr uint32_t decoy = page + 0x204;
+    const uint16_t body[] = {
+        0x6001, // str r1, [r0]: ICSR's PENDSTSET
+        0x2a00, // cmp r2, #0: Z set
+        0xbf0c, // ite eq
+        0x2401, // moveq r4, #1: the page's last instruction
+        0x2501, // movne r5, #1: the next page's first
+        0x4770, // bx lr
+    };
+    const uint16_t isr[] = {
+        0x4b02,         // ldr r3, [pc, #8]: the flag's address
+        0x2201,         // movs r2, #1
+        0x601a,         // str r2, [r3]
+        0xfa82, 0xf242, // uadd8 r2, r2, r2: GE cleared
+        0x4770,         // bx lr
+    };
+    auto put = [](uint32_t at, const uint16_t* half, size_t n) {
+        for (size_t i = 0; i < n; i += 2) {
+            uint32_t hi = i + 1 < n ? half[i + 1] : 0xbf00; // nop
+            chip::write_word(at + 2 * static_cast<uint32_t>(i), half[i] | (hi << 16));
+        }
+    };
+    put(code, body, std::size(body));
+    put(handler, isr, std::size(isr));
+    chip::write_word(handler + 12, flag);
+    chip::write_word(flag, 0);
+    chip::write_word(decoy, 0);
+    chip::write_word(15 * 4, handler | 1); // SysTick's vector (the next reset reloads the flash)
+    chip::set_register(UC_ARM_REG_R4, 0);
+    chip::set_register(UC_ARM_REG_R5, 0);
+    chip::set_register(UC_ARM_REG_XPSR_NZCVQG, 0x010F0000); // GE all set
+
+    uint64_t taken = chip::exceptions_taken();
+    uint32_t r = 0;
+    ASSERT_TRUE(chip::call_at(code, {0xE000ED04, 1u << 26, 0, decoy}, &r, ns_per_s)) << chip::last_fault();
+    EXPECT_EQ(chip::exceptions_taken() - taken, 1u);
+    EXPECT_EQ(chip::read_word(flag), 1u) << "the handler's first instruction was skipped";
+    EXPECT_EQ(chip::read_word(decoy), 0u);
+    EXPECT_EQ(chip::get_register(UC_ARM_REG_R4), 1u);
+    EXPECT_EQ(chip::get_register(UC_ARM_REG_R5), 0u)
+        << "the IT block's condition was lost across the handler";
+    EXPECT_EQ(chip::get_register(UC_ARM_REG_XPSR) & 0x000F0000, 0x000F0000u)
+        << "the handler's GE flags leaked";
 }
 
 } // namespace
