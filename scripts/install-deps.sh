@@ -3,7 +3,7 @@
 set -u
 pkgs="cmake g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev gcc-arm-none-eabi libnewlib-arm-none-eabi
       libstdc++-arm-none-eabi-dev dosfstools mtools lrzsz libunicorn-dev pkg-config lm4flash
-      clang-14 libclang-rt-14-dev"
+      clang-14 libclang-rt-14-dev python3-numpy python3-matplotlib python3-netcdf4 python3-xarray netcdf-bin"
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
