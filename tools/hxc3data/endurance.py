@@ -111,14 +111,14 @@ def parse_time(text, where):
 
 
 def parse_count(text, column, where):
-    """A non-negative finite number from a stats field."""
+    """A non-negative finite number from a stats field (an int when whole, as counts are)."""
     try:
         value = float(text)
     except ValueError:
         raise StatsError(f"{where}: {column} {text!r} is not a number") from None
     if not math.isfinite(value) or value < 0:
         raise StatsError(f"{where}: {column} {text!r} is not a finite number of 0 or more")
-    return value
+    return int(value) if value.is_integer() else value
 
 
 def header_columns(fields, where):
@@ -374,14 +374,14 @@ def estimate(wakes, model, sample_kinds=("rtc",), name="stats"):
 
 
 def g(value, digits=4):
-    """A figure to `digits` significant digits, without an exponent for everyday sizes."""
+    """A figure to `digits` significant digits (whole numbers from there up), no exponent above 1e-4."""
     if value == 0:
         return "0"
-    if 1e-4 <= abs(value) < 10 ** digits:
-        places = max(0, digits - 1 - math.floor(math.log10(abs(value))))
-        text = f"{value:.{places}f}"
-        return text.rstrip("0").rstrip(".") if "." in text else text
-    return f"{value:.{digits - 1}e}"
+    if abs(value) < 1e-4:
+        return f"{value:.{digits - 1}e}"
+    places = max(0, digits - 1 - math.floor(math.log10(abs(value))))
+    text = f"{value:.{places}f}"
+    return text.rstrip("0").rstrip(".") if "." in text else text
 
 
 def stats_lines(figures):
