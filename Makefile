@@ -1,5 +1,5 @@
 # Thin front end over the CMake presets. See README.md.
-.PHONY: run test target flash bench powercut soak fuzz fuzz-build host host-release deps clean
+.PHONY: run test target flash bench powercut soak fuzz fuzz-build host host-release deps clean install-tools example
 
 run:
 	cmake --preset host >/dev/null
@@ -58,6 +58,14 @@ host-release:
 
 deps:
 	@./scripts/install-deps.sh
+
+# hxc3-data on the PATH (PREFIX/bin, default /usr/local as root, ~/.local otherwise).
+install-tools:
+	@./scripts/install-tools.sh $(PREFIX)
+
+# The README's example picture: a simulated week on a mooring, plotted by hxc3-data.
+example: host
+	./tools/example/make_example.py --sim build/host/hxc3-sim
 
 clean:
 	rm -rf build
