@@ -122,6 +122,12 @@ class SimulatedCard(unittest.TestCase):
                     self.assertNotEqual(r[key], "", r)
         rows = self.rows(1)
         self.assertEqual({r["salinity"] for r in rows if r["salinity"]}, {"33.50"})
+        # The board's error log says when each went silent (the first sample it missed).
+        with open(os.path.join(self.out, "error_log.csv")) as f:
+            errors = list(csv.DictReader(f))
+        self.assertEqual([e["message"].split(":")[0].split(" with")[0] for e in errors],
+                         ["CTD not responding", "Port 3 pico-pH"])
+        self.assertEqual(errors[0]["time"][:16], self.rows(1)[4]["time"][:16])
         self.assertEqual([r["qc_rules"] for r in rows if int(r["sample"]) in SILENT[0]], ["missing:salinity"] * 2)
         # The Brisa instrument repeats the board's column names: its group is told from the board's.
         self.assertIn("brisa_temperature", self.rows(4)[0])
