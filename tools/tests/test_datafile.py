@@ -5,6 +5,7 @@ know, and the two logs beside the data file."""
 import contextlib
 import io
 import os
+import random
 import unittest
 
 from hxc3data import cli, datafile, logs, source, table
@@ -127,6 +128,32 @@ class Sources(support.BoardTest):
         self.assertEqual(
             [[s.values for s in d.samples] for d in from_card.deployments],
             [[s.values for s in d.samples] for d in from_copy.deployments])
+
+    def test_damaged_files_never_stop_the_tools(self):
+        # Bytes changed, cut out and repeated at random in a real file: every output is still made.
+        from hxc3data import netcdf, qc
+
+        board = support.Board(os.path.join(self.dir, "b"), scenario="port4 = sbe37\n")
+        board.run('timeout 20\nexpect "\\r\\n>"\n' + support.deploy("tessel", "a") + 'expect "#0000003\\t"\n'
+                  + support.STOP + support.deploy("glider", "b") + 'expect "#0000002\\t"\nwait 5\nexit\n')
+        text = board.card_file("NONAME.TXT").decode("ascii")
+        rnd = random.Random(7)
+        for _ in range(60):
+            t = list(text)
+            for _ in range(rnd.randint(1, 20)):
+                k, op = rnd.randrange(len(t)), rnd.random()
+                if op < 0.4:
+                    t[k] = rnd.choice("\t\n\r#/01-. nai")
+                elif op < 0.7:
+                    del t[k:k + rnd.randint(1, 200)]
+                else:
+                    t[k:k] = t[rnd.randrange(len(t)):][:rnd.randint(1, 300)]
+            deployments, _ = read("".join(t))
+            for d in deployments:
+                table.write(d, self.dir)
+                qc.summary(qc.check(d))
+                if d.column("time") is not None:
+                    netcdf.write(d, os.path.join(self.dir, "x.nc"), "fuzz")
 
     def test_bad_arguments_get_a_message_not_a_traceback(self):
         garbage = os.path.join(self.dir, "garbage.bin")
