@@ -19,7 +19,6 @@ class Column:
     units: str = ""  # UDUNITS spelling; "" for none (text) and "1" for dimensionless
     long_name: str = ""
     standard_name: str = ""
-    group: str = ""  # "" for the board's own columns, else the instrument group's key
 
 
 def _c(key, header, kind, units="", long_name="", standard_name=""):
@@ -61,7 +60,7 @@ BOARD_ORDER = {c.header: i for i, c in enumerate(BOARD_COLUMNS)}
 
 
 def _group(key, long_name, columns):
-    return (key, long_name, [Column(k, h, kind, u, ln, sn, key) for k, h, kind, u, ln, sn in columns])
+    return (key, long_name, [Column(k, h, kind, u, ln, sn) for k, h, kind, u, ln, sn in columns])
 
 
 def _g(key, header, kind="float", units="", long_name="", standard_name=""):
@@ -157,7 +156,6 @@ GROUPS = [
 ]
 
 GROUP_BY_NAMES = {tuple(c.header for c in cols): (key, name, cols) for key, name, cols in GROUPS}
-GROUP_NAMES = {key: name for key, name, _ in GROUPS}
 
 
 def board_column(header):

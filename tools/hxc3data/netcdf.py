@@ -80,7 +80,7 @@ def _values(samples, column):
         v = s.values.get(column.key)
         if column.kind == "text":
             out.append("" if v is None else v.text)
-        elif v is None or v.number is None or not math.isfinite(v.number):
+        elif v is None or not v.finite:
             out.append(None)
         else:
             out.append(v.number)

@@ -34,7 +34,7 @@ def _series(deployments, key):
             v = s.values.get(key)
             if s.time is None:
                 continue
-            finite = v is not None and v.number is not None and math.isfinite(v.number)
+            finite = v is not None and v.finite
             times.append(s.time)
             values.append(v.number if finite else math.nan)
             flags.append(f.flags.get(key) if finite else None)

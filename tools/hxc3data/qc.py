@@ -128,15 +128,11 @@ def _ph_difference(f, limit):
 
 def _jumps(flags, key):
     limit = VARIABLES[key][1]
-    usable = [f for f in flags if _finite(_number(f.sample, key))]
+    usable = [f for f in flags if key in f.sample.values and f.sample.values[key].finite]
     for prev, this, nxt in zip(usable, usable[1:], usable[2:]):
         a, b, c = (_number(x.sample, key) for x in (prev, this, nxt))
         if abs(b - (a + c) / 2) - abs((c - a) / 2) > limit:
             this.set(key, PROBABLY_BAD, "jump")
-
-
-def _finite(v):
-    return v is not None and math.isfinite(v)
 
 
 def _schedule(flags, period, gap_periods):
