@@ -12,11 +12,12 @@
 #include "board/i2c0.h"
 #include "board/pcal6416.h"
 #include "board/pinmux.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
 #include "measure/sample.h"
+#include "measure/pump.h"
 #include "ports/uartstdio.h"
 #include "storage/i2c_fram.h"
 

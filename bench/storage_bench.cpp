@@ -9,7 +9,7 @@
 
 #include "board/i2c0.h"
 #include "board/pinmux.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"

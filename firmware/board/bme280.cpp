@@ -3,7 +3,7 @@
 #include "board/bme280.h"
 
 #include "board/i2c0_reg.h"
-#include "core/timebase.h"
+#include "board/timebase.h"
 #include "ports/uartstdio.h"
 
 namespace {

@@ -6,28 +6,31 @@
 #include "board/i2c0.h"
 #include "board/pcal6416.h"
 #include "board/pinmux.h"
-#include "core/board_util.h"
-#include "core/menu.h"
-#include "core/sleep.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+#include "menus/menu.h"
+#include "measure/sleep.h"
+#include "records/system.h"
+#include "storage/settings.h"
+#include "measure/schedule.h"
+#include "board/timebase.h"
+#include "storage/error_log.h"
+#include "storage/fatfs/diskio.h"
 #include "driverlib/fpu.h"
 #include "driverlib/hibernate.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
-#include "hostlink/apf.h"
+#include "storage/apf_vars.h"
 #include "hostlink/serial.h"
 #include "measure/apf_math.h"
 #include "measure/sample.h"
+#include "measure/pump.h"
 #include "ports/uartstdio.h"
 #include "spectrometer/uvs.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 
 uint32_t g_ui32SysClock = 0;
-uint32_t microSD_flg = 0;
-uint32_t dbg_flag = 1;
 uint32_t wakeSource = WAKE_NOTSET;
 FIL* dat_file = nullptr;
 FIL* err_file = nullptr;
@@ -145,40 +148,6 @@ void deployed_uncounted_wake(void) {
     storeSysDataVariables();
 }
 
-// Times are compared modulo 2^32, as the RTC counts: a time less than half the counter ahead of now
-// is ahead of it, anything else behind.
-bool ahead_of(uint32_t t, uint32_t now) {
-    uint32_t ahead = t - now;
-    return ahead != 0 && ahead < 0x80000000u;
-}
-
-// The first time after now on the grid of period through t (period > 0).
-uint32_t next_slot_after(uint32_t t, uint32_t now, uint32_t period) {
-    if (ahead_of(t, now)) {
-        return t - ((t - now - 1) / period) * period;
-    }
-    return t + ((now - t) / period + 1) * period;
-}
-
-// A wake without a sample (a key, the menu, the host link) keeps the pending wake while it is still
-// ahead within a period: advancing it would skip the scheduled sample. A pending wake that has
-// passed (the operator kept the board awake through it), or that lies more than a period ahead (the
-// clock was set back), moves to the first time after now on the same grid, so the schedule does not
-// drift and neither a burst of catch-up samples nor a stream of two-second wakes follows.
-void keep_pending_wake(void) {
-    uint32_t now = HibernateRTCGet();
-    uint32_t period = sys_data.sampling_period;
-    uint32_t next = sys_samp.nextWakeUp;
-    if (period == 0 || (ahead_of(next, now) && next - now <= period)) {
-        return;
-    }
-    if (sys_data.sample_aligned != 0) {
-        compute_nextWakeUp();
-        return;
-    }
-    sys_samp.nextWakeUp = next_slot_after(next, now, period);
-}
-
 // The watchdog ends a stall by pulling the reset line, the only external reset on the board
 // besides a person's reset button: such a start is said on the console and logged, so that a board
 // recovered from the sea tells how often it stalled. Power-up and hibernation wakes are not logged.
@@ -211,6 +180,7 @@ void init(void) {
     g_ui32SysClock = SysCtlClockGet();
 
     init_TM4C123GH6PM_64pin();
+    m2m_set_menu(exec_main_menu);
 
     SysTickPeriodSet(g_ui32SysClock / 1000);
     SysTickIntEnable();
@@ -363,53 +333,11 @@ void exec_main_loop(uint32_t timeout_s) {
     }
 }
 
-void deploy(uint32_t state, uint32_t skip_sample) {
-    if (state != DEPLOYED) {
-        uprintf("\r\n\r\nDeploy() Should NOT be IDLE, check arg error\r\n\r\n");
-        wait_consoleTx();
-        sleep(0, 0);
-        return;
+// The card driver's time-outs count in the timebase's 10 ms ticks.
+extern "C" void SysTickHandler(void) {
+    if (timebase_tick()) {
+        disk_timerproc();
     }
-    if (skip_sample == 0) {
-        pump_and_sample(1, 1);
-        compute_nextWakeUp();
-    } else {
-        keep_pending_wake();
-    }
-    sleep(1, sys_samp.nextWakeUp);
-}
-
-// Unaligned, the schedule advances from the previous wake, so it does not drift with the time a
-// sample takes; a wake that would then lie more than one period away from now (the clock was set
-// back or forward, the board was off for a while) moves onto the first slot of its grid after now,
-// so that neither an endless run of two-second wakes nor a burst of catch-up samples follows.
-// Aligned, the wake is the first point at or after now on the grid of sampling_period counted from
-// the top of the hour. An aligned period of 0 has no grid: the wake is now, which sleep turns into a
-// wake two seconds later.
-uint32_t compute_nextWakeUp(void) {
-    uint32_t period = sys_data.sampling_period;
-    if (sys_data.sample_aligned == 0) {
-        uint32_t next = sys_samp.nextWakeUp + period;
-        uint32_t now = HibernateRTCGet();
-        bool far_ahead = ahead_of(next, now) && next - now > period;
-        bool far_behind = !ahead_of(next, now) && now - next >= period;
-        if (period != 0 && (far_ahead || far_behind)) {
-            next = next_slot_after(next, now, period);
-        }
-        sys_samp.nextWakeUp = next;
-        return next;
-    }
-    uint32_t now = HibernateRTCGet();
-    uint32_t t = now;
-    if (period != 0) {
-        // The first slot at or after now, but never the top of the hour itself; counted in whole
-        // periods from the top of the hour, so it holds across the RTC's 32-bit wrap.
-        uint32_t into_hour = now % 3600;
-        uint32_t slots = into_hour <= period ? 1 : (into_hour + period - 1) / period;
-        t = now - into_hour + slots * period;
-    }
-    sys_samp.nextWakeUp = t;
-    return t;
 }
 
 // The halt spins on the delay primitive without feeding the watchdog, so only a reset or the

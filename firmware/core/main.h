@@ -12,8 +12,6 @@ constexpr uint32_t WAKE_PIN = 1;    // the hibernation WAKE pin: an operator key
 constexpr uint32_t WAKE_RTC = 2;    // the RTC match of a scheduled sample
 
 extern uint32_t g_ui32SysClock; // system clock in Hz
-extern uint32_t microSD_flg;    // 1 when the card was found at start-up
-extern uint32_t dbg_flag;       // copy of sys_data.debug_flag; gates dbg_printf
 extern uint32_t wakeSource;
 extern FIL* dat_file; // open data file, nullptr when none
 extern FIL* err_file; // open error log, nullptr when none
@@ -25,8 +23,5 @@ int IOPwrDown(void);
 uint32_t wake_handler(void);
 // Serves the host link until it ends or timeout_s seconds pass without activity.
 void exec_main_loop(uint32_t timeout_s);
-// Samples (unless skip_sample), schedules the next wake and hibernates.
-void deploy(uint32_t state, uint32_t skip_sample);
-// Computes, stores in sys_samp.nextWakeUp and returns the next wake in RTC seconds.
-uint32_t compute_nextWakeUp(void);
+extern "C" void SysTickHandler(void);
 extern "C" void faultISR_handler(void);

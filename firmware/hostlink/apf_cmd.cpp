@@ -11,12 +11,13 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/board_util.h"
-#include "core/main.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+
+#include "records/system.h"
+#include "storage/settings.h"
+#include "board/timebase.h"
 #include "driverlib/hibernate.h"
-#include "hostlink/apf.h"
+#include "storage/apf_vars.h"
 #include "hostlink/serial.h"
 #include "measure/apf_math.h"
 #include "measure/sample.h"

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "driverlib/hibernate.h"
-#include "hostlink/apf.h"
+#include "storage/apf_vars.h"
 #include "hostlink/apf_cmd.h"
 #include "measure/apf_math.h"
 #include "measure/sample.h"

@@ -3,15 +3,17 @@
 // sys_data when it changed it.
 #include "hostlink/cmd_handlers.h"
 
-#include "core/menu.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "storage/settings.h"
+#include "board/timebase.h"
 #include "hostlink/serial.h"
 #include "hostlink/serial_cmd.h"
 #include "measure/live_readings.h"
 #include "measure/sample.h"
+#include "measure/sample_line.h"
 #include "ports/uartstdio.h"
 #include "storage/config.h"
+#include "storage/presets.h"
 #include "storage/microsd.h"
 
 #include "driverlib/hibernate.h"

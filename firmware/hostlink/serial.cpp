@@ -9,11 +9,10 @@
 
 #include <cstring>
 
-#include "core/board_util.h"
-#include "core/menu.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+#include "board/timebase.h"
 #include "driverlib/hibernate.h"
-#include "hostlink/apf.h"
+#include "records/apf.h"
 #include "hostlink/serial_cmd.h"
 #include "ports/uartstdio.h"
 #include "spectrometer/uvs.h"
@@ -130,7 +129,7 @@ int32_t break_in(void) {
         apf.isus_lamp_pwr = uvs_lamp_on ? 1 : 0;
         uprintf("\n  Fiberlight Power was left ON! Powering DOWN...\n");
     }
-    exec_main_menu();
+    m2m_open_menu();
     reset();
     return 1;
 }
@@ -209,6 +208,22 @@ void refuse_in_menu(void) {
 }
 
 } // namespace
+
+uint32_t deployDelay = 30;
+
+namespace {
+void (*menu_entry)(void) = nullptr;
+} // namespace
+
+void m2m_set_menu(void (*open_menu)(void)) {
+    menu_entry = open_menu;
+}
+
+void m2m_open_menu(void) {
+    if (menu_entry != nullptr) {
+        menu_entry();
+    }
+}
 
 void m2m_statemachine_init(void) {
     UARTEchoSet(false);

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "core/timebase.h"
+#include "board/timebase.h"
 
 struct rxStateMach {
     uint32_t state;         // receive state: 0 idle, 1 break-in, 2 text line, 3 framed line
@@ -33,6 +33,12 @@ void m2m_statemachine_init(void);
 void apf_set_m2m_timeout(void);
 // Human mode: seconds of silence end a line.
 void apf_set_h2m_timeout(uint32_t seconds);
+// Seconds the main menu waits for a key before the board goes back to sleep.
+extern uint32_t deployDelay;
+// What opens the operator's menu when a person breaks in (the fourth Enter) or types "m": the
+// menus sit above the host link, so the start-up hands it their entry. Unset, nothing opens.
+void m2m_set_menu(void (*open_menu)(void));
+void m2m_open_menu(void);
 // Seconds a menu question waits for its answer before it gives up.
 inline constexpr uint32_t MENU_KEY_TIMEOUT_S = 60;
 // Key reader of the menus while a controller may be attached: the first byte of the next line, 1

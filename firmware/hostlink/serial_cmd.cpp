@@ -9,14 +9,16 @@
 
 #include <cstring>
 
-#include "core/menu.h"
-#include "core/system.h"
-#include "hostlink/apf.h"
+#include "records/system.h"
+#include "storage/settings.h"
+#include "records/apf.h"
 #include "hostlink/apf_cmd.h"
 #include "hostlink/cmd_handlers.h"
 #include "hostlink/serial.h"
 #include "hostlink/ymodem.h"
 #include "measure/sample.h"
+#include "measure/sample_line.h"
+#include "measure/pump.h"
 #include "ports/uartstdio.h"
 #include "spectrometer/uvs.h"
 #include "storage/calfile.h"
@@ -214,7 +216,7 @@ uint32_t run_microsd(void) {
 
 uint32_t run_menu(void) {
     store_code(83);
-    exec_main_menu();
+    m2m_open_menu();
     return 83;
 }
 

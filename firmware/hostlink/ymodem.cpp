@@ -6,10 +6,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/board_util.h"
-#include "core/main.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+
+#include "records/system.h"
+#include "storage/settings.h"
+#include "board/timebase.h"
 #include "driverlib/hibernate.h"
 #include "driverlib/sysctl.h"
 #include "ports/uartstdio.h"
@@ -412,8 +413,8 @@ bool close_file(RxFile& f, bool whole) {
         fr = f_rename(RECEIVE_PATH, f.path);
     }
     if (fr != FR_OK) {
-        snprintf(failure_text, sizeof failure_text, "%s could not replace %s: %s", RECEIVE_PATH + 1, f.path + 1,
-                 StringFromFresult(fr));
+        snprintf(failure_text, sizeof failure_text, "%s could not replace %s: %s", RECEIVE_PATH + 1,
+                 f.path + 1, StringFromFresult(fr));
         return false;
     }
     return true;

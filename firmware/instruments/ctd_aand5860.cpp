@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "instruments/ctd_base.h"
 #include "instruments/inst_text.h"
 #include "ports/uartstdio.h"

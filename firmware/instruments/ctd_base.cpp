@@ -4,9 +4,9 @@
 
 #include <cstdio>
 
-#include "core/fault_note.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "storage/fault_note.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "driverlib/sysctl.h"
 #include "instruments/inst_text.h"
 #include "ports/uarts.h"

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "core/fault_note.h"
-#include "core/timebase.h"
+#include "storage/fault_note.h"
+#include "board/timebase.h"
 #include "instruments/inst_text.h"
 #include "ports/uarts.h"
 

@@ -2,9 +2,9 @@
 // conversions, and switches the isolated side and the converter's general-purpose pins.
 #include "measure/ads1248_iso.h"
 
-#include "core/board_util.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "driverlib/gpio.h"
 #include "driverlib/pin_map.h"
 #include "driverlib/rom.h"

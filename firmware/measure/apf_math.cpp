@@ -10,7 +10,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "core/system.h"
+#include "records/system.h"
 #include "ports/uartstdio.h"
 
 uint32_t uvsDbgFlg = 0;

@@ -5,9 +5,9 @@
 
 #include "board/bme280.h"
 #include "board/ina260.h"
-#include "core/board_util.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "measure/ads1248_iso.h"
 #include "measure/apf_math.h"
 #include "ports/uartstdio.h"

@@ -1,29 +1,28 @@
-// The sample record and its "last sample" line, and the sample cycle: one complete measurement
-// from powering the isolated ADC side to the line on the console and in the data file, with the
-// serial instruments run between the ADC readings. Also the pump entry points (no pump sequence in
-// this build), the bias and ground-fault test readings and continuous sampling.
+// The sample cycle: one complete measurement from powering the isolated ADC side to the line on the
+// console and in the data file, with the serial instruments run between the ADC readings. Also the
+// bias and ground-fault test readings and the snapshot-then-sample command.
 #include "measure/sample.h"
+#include "records/sample.h"
 
 #include "board/bme280.h"
 #include "board/ina260.h"
-#include "core/board_util.h"
-#include "core/system.h"
-#include "core/timebase.h"
-#include "instruments/ctd_aand5860.h"
+#include "board/board_util.h"
+#include "records/system.h"
+#include "board/timebase.h"
+#include "storage/error_log.h"
 #include "instruments/ctd_base.h"
-#include "instruments/ctd_sbe37.h"
-#include "instruments/brisa.h"
-#include "instruments/ocr.h"
-#include "instruments/optode.h"
-#include "instruments/picoph.h"
 #include "measure/ads1248_iso.h"
 #include "measure/apf_math.h"
+#include "measure/instrument_ports.h"
+#include "measure/pump.h"
+#include "measure/sample_line.h"
+#include "storage/data_file.h"
 #include "ports/uartstdio.h"
 #include "storage/fatfs/ff.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 #include "storage/sd_append.h"
-#include "core/fault_note.h"
+#include "storage/fault_note.h"
 
 #include "driverlib/hibernate.h"
 #include "driverlib/sysctl.h"
@@ -33,70 +32,12 @@
 #include <cstring>
 #include <ctime>
 
-sampData sampl;
-char prnBuf[PRNBUF_SIZE];
-char pumpBuf[PUMPBUF_SIZE];
 float fBiasNeg;
 float fBiasPos;
 uint32_t databarFlg = 0;
 uint32_t barfSampleTime = 5;
 
-namespace {
-
-// Appends to prnBuf; output beyond its end is cut.
-size_t prn_pos;
-
-void prn_append(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void prn_append(const char* fmt, ...) {
-    if (prn_pos >= sizeof prnBuf - 1) {
-        return;
-    }
-    va_list args;
-    va_start(args, fmt);
-    int n = vsnprintf(prnBuf + prn_pos, sizeof prnBuf - prn_pos, fmt, args);
-    va_end(args);
-    if (n < 0) {
-        return;
-    }
-    prn_pos += static_cast<size_t>(n);
-    if (prn_pos > sizeof prnBuf - 1) {
-        prn_pos = sizeof prnBuf - 1;
-    }
-}
-
-// "%13llu" without the C library: the board's printf has no 64-bit integer conversions and would
-// print the letters instead of the number.
-void format_u64_13(char* text, size_t size, unsigned long long v) {
-    char digits[21];
-    size_t n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v != 0);
-    char number[21];
-    for (size_t i = 0; i < n; i++) {
-        number[i] = digits[n - 1 - i];
-    }
-    number[n] = '\0';
-    snprintf(text, size, "%13s", number);
-}
-
-// The time column: 1 calendar time, 2 milliseconds on the controller's epoch (the constant is the
-// one the host software expects), anything else an empty field.
-void format_time_column(char* text, size_t size) {
-    text[0] = '\0';
-    if (sys_data.data_cfg[CFG_TIMESTAMP] == 1) {
-        time_t t = static_cast<time_t>(sampl.timestamp);
-        struct tm* cal = localtime(&t);
-        if (cal != nullptr) {
-            strftime(text, size, "%m/%d/%Y %H:%M:%S", cal);
-        }
-    } else if (sys_data.data_cfg[CFG_TIMESTAMP] == 2) {
-        format_ms_timestamp(text, size, sampl.timestamp);
-    }
-}
-
-} // namespace
+namespace {} // namespace
 
 // ---------------------------------------------------------------- the sample cycle
 
@@ -107,9 +48,8 @@ constexpr double ik_amps_per_volt = 66666.667;
 // Time the isolated supply and the board sensors need from power-on before the sensors are read.
 constexpr uint32_t sensor_settle_ms = 151;
 constexpr uint32_t settle_step_ms = 5;
-// CTD codes on port 4: 5 is "none" (the default salinity is used), 6 and up are real drivers.
+// CTD code 5 on port 4 is "none": the default salinity is used.
 constexpr unsigned char uart4_no_ctd = 5;
-constexpr unsigned char uart4_first_ctd = 6;
 
 // The time column's text. A time-stamp setting other than 1 or 2 leaves it as the last sample left it.
 char time_text[51];
@@ -135,14 +75,6 @@ void diag_if_slow(const char* fmt) {
     if (Timer_1ms(0) - diag_mark > 1) {
         diag(fmt);
     }
-}
-
-bool uart3_in_use() {
-    return sys_data.data_cfg[CFG_UART3_INST] != 0;
-}
-
-bool uart4_in_use() {
-    return sys_data.data_cfg[CFG_UART4_INST] >= uart4_first_ctd;
 }
 
 struct InstrumentStates {
@@ -272,150 +204,43 @@ void compute_results() {
     }
 }
 
-// Columns 3 to 16 (battery to external-reference pH), common to the live line and the last-sample
-// reply; the live line passes the bias readings of this cycle, the reply those kept in the record.
-void append_battery_to_phext(float bias_pos, float bias_neg) {
-    const unsigned char* cfg = sys_data.data_cfg;
-    if (cfg[CFG_VIN_BAT_VOLT]) {
-        prn_append("%8.2f\t", (double)sampl.fVbat_main);
-    }
-    if (cfg[CFG_BIAS_BAT_POS]) {
-        prn_append("%8.2f\t", (double)bias_pos);
-    }
-    if (cfg[CFG_BIAS_BAT_NEG]) {
-        prn_append("%8.2f\t", (double)bias_neg);
-    }
-    if (cfg[CFG_BRD_TEMP]) {
-        prn_append("%8.2f\t", (double)sampl.fBrdTempC);
-    }
-    if (cfg[CFG_BRD_HUMIDITY]) {
-        prn_append("%8u\t", (unsigned)sampl.uiHumidity);
-    }
-    if (cfg[CFG_V_THERMISTOR]) {
-        prn_append("%8.6f\t", (double)sampl.fVtherm);
-    }
-    if (cfg[CFG_V_THERMISTOR_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVtherm_std);
-    }
-    if (cfg[CFG_CALC_TEMP]) {
-        prn_append("%8.3f\t", (double)sampl.fTempC);
-    }
-    if (cfg[CFG_VRSI]) {
-        prn_append("%8.6f\t", (double)sampl.fVrsi);
-    }
-    if (cfg[CFG_VRSI_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVrsi_std);
-    }
-    if (cfg[CFG_CALC_PH_VRSI]) {
-        prn_append("%8.3f\t", (double)sampl.pHint);
-    }
-    if (cfg[CFG_VRSE]) {
-        prn_append("%8.6f\t", (double)sampl.fVrse);
-    }
-    if (cfg[CFG_VRSE_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVrse_std);
-    }
-    if (cfg[CFG_CALC_PH_VRSE]) {
-        prn_append("%8.3f\t", (double)sampl.pHext);
-    }
-}
-
-// Columns 17 to 20 (counter electrode and currents), common to both lines.
-void append_counter_and_currents() {
-    const unsigned char* cfg = sys_data.data_cfg;
-    if (cfg[CFG_V_COUNTER_ELECT]) {
-        prn_append("%8.6f\t", (double)sampl.fVk);
-    }
-    if (cfg[CFG_V_COUNTER_ELECT_STD]) {
-        prn_append("%8.6f\t", (double)sampl.fVk_std);
-    }
-    if (cfg[CFG_I_COUNTER]) {
-        prn_append("%8.2f\t", (double)sampl.fIk);
-    }
-    if (cfg[CFG_I_SUBSTRATE]) {
-        prn_append("%8.3f\t", (double)sampl.fIb);
-    }
-}
-
 // The live line: the "last sample" columns with the biased cells inserted before the counter
 // electrode, then the instrument and pump texts.
 void format_live_line(const BiasedCells& biased) {
     const unsigned char* cfg = sys_data.data_cfg;
-    prn_pos = 0;
-    prnBuf[0] = '\0';
+    line_begin();
     if (cfg[CFG_SAMPLE_NUM]) {
-        prn_append("#%07u\t", (unsigned)sampl.sampNum);
+        line_append("#%07u\t", (unsigned)sampl.sampNum);
     }
     if (cfg[CFG_TIMESTAMP]) {
-        prn_append("%s\t", time_text);
+        line_append("%s\t", time_text);
     }
-    append_battery_to_phext(fBiasPos, fBiasNeg);
+    line_battery_to_phext(fBiasPos, fBiasNeg);
     if (cfg[CFG_VRSI_BIASED]) {
-        prn_append("%8.6f\t", (double)biased.vrsi);
+        line_append("%8.6f\t", (double)biased.vrsi);
     }
     if (cfg[CFG_VRSI_BIASED_STD]) {
-        prn_append("%8.6f\t", (double)biased.vrsi_std);
+        line_append("%8.6f\t", (double)biased.vrsi_std);
     }
     if (cfg[CFG_VRSE_BIASED]) {
-        prn_append("%8.6f\t", (double)biased.vrse);
+        line_append("%8.6f\t", (double)biased.vrse);
     }
     if (cfg[CFG_VRSE_BIASED_STD]) {
-        prn_append("%8.6f\t", (double)biased.vrse_std);
+        line_append("%8.6f\t", (double)biased.vrse_std);
     }
-    append_counter_and_currents();
+    line_counter_and_currents();
     if (uart3_in_use()) {
-        prn_append("%s\t", uart3_prn_buf);
+        line_append("%s\t", uart3_prn_buf);
     }
     if (uart4_in_use()) {
-        prn_append("%s\t", uart4_prn_buf);
+        line_append("%s\t", uart4_prn_buf);
     }
     if (sys_data.pump_seq_type == 2) {
-        prn_append("%s\t", pumpBuf);
+        line_append("%s\t", pumpBuf);
     }
     diag("\r\nformat data  = %5u,   %5u\r\n");
     if (sys_data.app_cfg[APPCFG_SAMPLING_DIAG] == 1) {
-        prn_append("(%u msec)\t", (unsigned)Timer_1ms(0));
-    }
-}
-
-// The final tab becomes the line end. A line with no column at all is just the line end.
-void terminate_line() {
-    if (prn_pos > sizeof prnBuf - 2) {
-        prn_pos = sizeof prnBuf - 2;
-    }
-    if (prn_pos == 0) {
-        prn_pos = 1;
-    }
-    prnBuf[prn_pos - 1] = '\r';
-    prnBuf[prn_pos] = '\n';
-    prnBuf[prn_pos + 1] = '\0';
-    prn_pos++;
-}
-
-// Open, seek to the end, write, close: the data file is never held open, so a power loss costs at
-// most this line. A file that would not open or seek is left alone; the sample still counts. A card
-// too full for the line keeps none of it, and says so in the error log while that has room.
-void append_line_to_data_file() {
-    char name[sizeof sys_data.fileName + 1];
-    memcpy(name, sys_data.fileName, sizeof sys_data.fileName);
-    name[sizeof sys_data.fileName] = '\0';
-    FRESULT fr = sd_append_report("", AppendStep::open, sd_append_open(name, TailSlot::data_file));
-    if (fr != FR_OK) {
-        error_store("f_open error");
-        return;
-    }
-    fr = sd_append_report("", AppendStep::seek, sd_append_seek());
-    bool full = false;
-    if (fr == FR_OK) {
-        fr = sd_append_report("", AppendStep::write, sd_append_write(prnBuf, static_cast<uint32_t>(prn_pos)));
-        full = fr == SD_CARD_FULL;
-    }
-    fr = sd_append_report("", AppendStep::close, sd_append_close());
-    if (fr != FR_OK) {
-        error_store("f_close error");
-    }
-    if (full) {
-        error_store("f_write error: card full");
+        line_append("(%u msec)\t", (unsigned)Timer_1ms(0));
     }
 }
 
@@ -528,13 +353,13 @@ void get_sample(uint32_t printFlg, uint32_t writeFlg) {
     compute_results();
     sampl.sampNum = sys_samp.current_sample;
     format_live_line(biased);
-    terminate_line();
+    line_end();
 
     if (printFlg == 1) {
-        UARTwrite(prnBuf, static_cast<uint32_t>(prn_pos));
+        UARTwrite(prnBuf, static_cast<uint32_t>(line_length()));
     }
     if (sys_data.app_cfg[APPCFG_MICROSD_ENABLE] == 1 && writeFlg == 1) {
-        append_line_to_data_file();
+        append_to_data_file(prnBuf, static_cast<uint32_t>(line_length()));
         diag("\r\nuSD writes   = %5u,   %5u");
     }
     note_low_supply(sampl.fVbat_main);
@@ -542,54 +367,6 @@ void get_sample(uint32_t printFlg, uint32_t writeFlg) {
     diag("\r\nwait TX      = %5u,   %5u");
     sys_samp.current_sample++;
     led_red_off();
-}
-
-int pump_and_sample(uint32_t printFlg, uint32_t writeFlg) {
-    get_sample(printFlg, writeFlg);
-    return 0;
-}
-
-void pump_and_sample_start(void) {
-    sys_samp.pump_seq_state = 1;
-}
-
-void pump_stateMachine_init(void) {
-    sys_samp.pump_seq_state = 0;
-}
-
-int pump_stateMachine(uint32_t state) {
-    (void)state;
-    return 0;
-}
-
-void pump_var_init(void) {
-    snprintf(pumpBuf, sizeof pumpBuf, "PumpSeq=%02d\t", (int)sys_data.pump_seq_type);
-}
-
-int uart3_stateMachine(int state) {
-    switch (sys_data.data_cfg[CFG_UART3_INST]) {
-    case PORT3_OPTODE:
-        return optode_stateMachine(state);
-    case PORT3_OCR:
-        return ocr_stateMachine(state);
-    case PORT3_BRISA:
-        return brisa_stateMachine(state);
-    case PORT3_PICOPH:
-        return picoph_stateMachine(state);
-    default:
-        return 0;
-    }
-}
-
-int uart4_stateMachine(int state) {
-    switch (sys_data.data_cfg[CFG_UART4_INST]) {
-    case CTD_TYPE_SBE37:
-        return ctd_sbe37_stateMachine(state);
-    case CTD_TYPE_AAND5860:
-        return ctd_aand5860_stateMachine(state);
-    default:
-        return 0;
-    }
 }
 
 void read_bias_bat(void) {
@@ -658,47 +435,4 @@ void sendlast_takesample(void) {
         error_store("f_close error");
     }
     get_sample(0, 1);
-}
-
-// ---------------------------------------------------------------- the "last sample" line
-
-// The columns come in their fixed order, which is not the order of the switches.
-void print_sampl(void) {
-    const unsigned char* cfg = sys_data.data_cfg;
-    prn_pos = 0;
-    prnBuf[0] = '\0';
-    if (cfg[CFG_SAMPLE_NUM]) {
-        sampl.sampNum = sys_samp.current_sample;
-        prn_append("#%07u\t", (unsigned)sys_samp.current_sample);
-    }
-    if (cfg[CFG_TIMESTAMP]) {
-        char time_text[51];
-        format_time_column(time_text, 50);
-        prn_append("%s\t", time_text);
-    }
-    append_battery_to_phext(sampl.fBiasPos, sampl.fBiasNeg);
-    append_counter_and_currents();
-}
-
-// RAM does not survive hibernation: the FRAM copy is the last sample. The host expects the text
-// exactly as formatted, ending with the last column's tab.
-void send_last_sample(void) {
-    fram_last_samp_retrieve();
-    print_sampl();
-    print_sampBuf();
-}
-
-int print_sampBuf(void) {
-    const void* end = memchr(prnBuf, '\0', sizeof prnBuf);
-    size_t len = end != nullptr ? static_cast<size_t>(static_cast<const char*>(end) - prnBuf) : sizeof prnBuf;
-    if (len == 0) {
-        return 0;
-    }
-    return UARTwrite(prnBuf, static_cast<uint32_t>(len));
-}
-
-// The millisecond count is on the epoch the host software expects: this constant, not the exact
-// 1900-1970 offset.
-void format_ms_timestamp(char* text, size_t size, uint32_t rtc_seconds) {
-    format_u64_13(text, size, static_cast<unsigned long long>(rtc_seconds) * 1000ULL - 2208963602000ULL);
 }

@@ -19,12 +19,14 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "core/main.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/uart.h"
 #include "inc/hw_ints.h"
 #include "inc/hw_memmap.h"
+
+uint32_t dbg_flag = 1;
+char prnBuf[PRNBUF_SIZE];
 
 namespace {
 

@@ -18,6 +18,13 @@ void UARTStdioConfig(uint32_t port, uint32_t baud, uint32_t srcClock);
 
 // Formats into a bounded buffer and sends it; returns the number of bytes queued.
 int uprintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// The shared text buffer for whole lines built before they go out (a sample line, a calibration
+// export, a float-controller reply): one buffer, as RAM is short.
+inline constexpr uint32_t PRNBUF_SIZE = 1540;
+extern char prnBuf[PRNBUF_SIZE];
+
+// Debug output on: dbg_printf prints. A copy of sys_data.debug_flag, set at start-up.
+extern uint32_t dbg_flag;
 // uprintf only while dbg_flag is set; returns 0 otherwise.
 int dbg_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Queues len bytes unchanged; waits for room while the transmit ring is full. Returns the bytes queued

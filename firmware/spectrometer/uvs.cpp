@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "board/pcal6416.h"
-#include "core/timebase.h"
+#include "board/timebase.h"
 #include "driverlib/gpio.h"
 #include "inc/hw_memmap.h"
 #include "instruments/inst_text.h"

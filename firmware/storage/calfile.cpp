@@ -6,9 +6,8 @@
 // texts are cut to the sizes the record keeps (7 characters for serial numbers, 10 for dates).
 #include "storage/calfile.h"
 
-#include "core/system.h"
-#include "core/timebase.h"
-#include "measure/sample.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "ports/uartstdio.h"
 #include "storage/microsd.h"
 #include "storage/sd_append.h"

@@ -1,6 +1,6 @@
 // The data file on the microSD card and its headers: the metadata header (deployment settings,
 // calibration, identities), the data-field block (which columns are switched on), the data header
-// (the column names), the upload of logged data, and the data-field presets of the platforms.
+// (the column names) and the upload of logged data.
 //
 // Every writer serves the console and the file, chosen by a print and a write flag. The file is
 // opened, sought to its end, written and closed by each writer, never held open; with microSD
@@ -35,14 +35,3 @@ void get_header(void);
 // Sends the data file from sys_samp.next_gdata_fptr to its end on the console, then moves
 // next_gdata_fptr to the end and stores sys_samp. 0 when sent, 1 on a file error or with logging off.
 uint32_t get_data(void);
-
-// Data-field presets: each sets the column switches and instrument codes of sys_data.data_cfg for a
-// platform, resets the ADC sampling parameters to their defaults and stores sys_data.
-void config_data_fields_all(void);
-void config_data_fields_none(void);
-void config_data_fields_glider(void);
-void config_data_fields_wirewalker(void);
-void config_data_fields_tessel(void);
-void config_data_fields_corrib(void);
-void config_data_fields_m2m_corrib(void);
-void config_data_fields_brisa(void);

@@ -9,7 +9,7 @@
 // write commands, SDHC/SDXC cards the sector number itself (CardType's block flag).
 #include "storage/fatfs/diskio.h"
 
-#include "core/board_util.h"
+#include "board/board_util.h"
 #include "storage/microsd.h"
 
 #include "driverlib/gpio.h"

@@ -3,8 +3,8 @@
 // refusals are reported as "<call> error: <result name>", as everywhere else in the firmware.
 #include "storage/file_shell.h"
 
-#include "core/board_util.h"
-#include "core/timebase.h"
+#include "board/board_util.h"
+#include "board/timebase.h"
 #include "ports/uartstdio.h"
 #include "storage/fatfs/ff.h"
 #include "storage/microsd.h"

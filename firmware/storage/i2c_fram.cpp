@@ -3,10 +3,10 @@
 #include "storage/i2c_fram.h"
 
 #include "board/i2c0.h"
-#include "core/board_util.h"
-#include "core/system.h"
-#include "hostlink/apf.h"
-#include "measure/sample.h"
+#include "board/board_util.h"
+#include "records/system.h"
+#include "records/apf.h"
+#include "records/sample.h"
 #include "ports/uartstdio.h"
 
 #include "driverlib/i2c.h"

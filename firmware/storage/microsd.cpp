@@ -2,8 +2,8 @@
 // and the names of the file system's results for error messages.
 #include "storage/microsd.h"
 
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "ports/uartstdio.h"
 #include "storage/sd_append.h"
 
@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 
+uint32_t microSD_flg = 0;
 FATFS g_sFatFs;
 
 namespace {

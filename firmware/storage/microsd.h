@@ -8,6 +8,9 @@
 #include "storage/fatfs/diskio.h"
 #include "storage/fatfs/ff.h"
 
+// 1 when the card was found and mounted at start-up (or since, from the menus).
+extern uint32_t microSD_flg;
+
 // The mounted volume's work area.
 extern FATFS g_sFatFs;
 

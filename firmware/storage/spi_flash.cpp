@@ -1,7 +1,7 @@
 // Serial flash on SSI2: port set-up, the JEDEC identification probe and the developer test.
 #include "storage/spi_flash.h"
 
-#include "core/timebase.h"
+#include "board/timebase.h"
 #include "ports/uartstdio.h"
 
 #include "driverlib/gpio.h"

@@ -11,7 +11,8 @@ interrupt can add on top of it at that point: the exception frame the processor 
 FPU state) and the deepest chain of any other vector. All interrupts share one priority, so they
 do not nest. Recursion, indirect calls and frames sized at run time cannot be bounded here: they
 are listed. An indirect call is taken to reach every function whose address its own source file
-takes (the command tables sit beside their dispatchers); one in the library, every library
+takes (the command tables sit beside their dispatchers) or a file that calls into it takes (an entry
+handed down by a higher layer, such as the menu the start-up gives the host link); one in the library, every library
 function whose address it or its nearest library caller loads (printf's output routine is handed
 down from the caller that picks it).
 
@@ -425,13 +426,24 @@ def main():
                 todo.extend(callers.get(n, ()))
         return (found | in_data) if found else every_load
 
+    # The files that call into each file: a pointer a caller hands down comes from one of them.
+    calling_files = {}
+    for fn in graph.values():
+        for callee in fn.calls:
+            target = graph.get(callee)
+            if target is not None and target.source and fn.source and target.source != fn.source:
+                calling_files.setdefault(target.source, set()).add(fn.source)
+
     for fn in graph.values():
         if not fn.indirect_sites:
             continue
         if fn.name in library:
             fn.calls |= library_targets(fn.name)
-        else:
-            fn.calls |= taken_by_source.get(fn.source) or every_taken
+            continue
+        targets = set(taken_by_source.get(fn.source, ()))
+        for caller_source in calling_files.get(fn.source, ()):
+            targets |= taken_by_source.get(caller_source, set())
+        fn.calls |= targets or every_taken
 
     vectors = section_words(tool("objdump"), args.elf, [".isr_vectors"])
     reset = start_of.get(vectors[1] & ~1)

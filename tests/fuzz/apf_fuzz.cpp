@@ -9,7 +9,7 @@
 
 #include "core/main.h"
 #include "fuzz_board.h"
-#include "hostlink/apf.h"
+#include "records/apf.h"
 #include "hostlink/serial.h"
 #include "hostlink/serial_cmd.h"
 #include "ports/uartstdio.h"

@@ -5,9 +5,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "core/main.h"
-#include "core/menu_edit.h"
-#include "core/system.h"
+#include "menus/menu_edit.h"
+#include "records/system.h"
 #include "fuzz_board.h"
 #include "storage/calfile.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/system.h"
+#include "records/system.h"
 #include "fuzz_board.h"
 #include "runtime.h"
 #include "storage/microsd.h"

@@ -6,9 +6,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "core/main.h"
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "fuzz_board.h"
 #include "instruments/ctd_aand5860.h"
 #include "instruments/ctd_base.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "core/main.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "fuzz_board.h"
 #include "storage/calfile.h"
 #include "storage/fatfs/diskio.h"

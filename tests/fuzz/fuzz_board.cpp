@@ -6,9 +6,10 @@
 #include <cstring>
 #include <vector>
 
-#include "core/board_util.h"
+#include "board/board_util.h"
 #include "core/main.h"
-#include "core/system.h"
+#include "records/system.h"
+#include "storage/settings.h"
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -3,8 +3,8 @@
 // for the sample line exactly its group's columns, as printable text with no line end in it.
 #include <cstring>
 
-#include "core/system.h"
-#include "core/timebase.h"
+#include "records/system.h"
+#include "board/timebase.h"
 #include "fuzz_board.h"
 #include "instruments/brisa.h"
 #include "instruments/ocr.h"

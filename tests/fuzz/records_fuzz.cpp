@@ -5,7 +5,7 @@
 // never fault, never be reset by its watchdog, and start again from whatever it stored.
 #include <cstring>
 
-#include "core/system.h"
+#include "records/system.h"
 #include "fuzz_board.h"
 #include "runtime.h"
 #include "storage/i2c_fram.h"

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "core/main.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "fuzz_board.h"
 #include "hostlink/ymodem.h"
 #include "runtime.h"

@@ -9,7 +9,8 @@
 #include "runtime.h"
 #include "script.h"
 
-#include "core/system.h"
+#include "records/system.h"
+#include "storage/settings.h"
 #include "driverlib/eeprom.h"
 #include "driverlib/sysctl.h"
 #include "inc/hw_hibernate.h"

@@ -7,8 +7,10 @@
 #include <string>
 
 #include "core/main.h"
-#include "core/menu.h"
-#include "core/system.h"
+#include "measure/schedule.h"
+#include "menus/menu.h"
+#include "records/system.h"
+#include "storage/settings.h"
 #include "driverlib/sysctl.h"
 #include "sim_test.h"
 

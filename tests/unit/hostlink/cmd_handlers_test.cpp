@@ -9,7 +9,8 @@
 #include <string>
 
 #include "board/pinmux.h"
-#include "core/system.h"
+#include "records/system.h"
+#include "storage/settings.h"
 #include "driverlib/hibernate.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
@@ -17,10 +18,12 @@
 #include "hostlink/cmd_handlers.h"
 #include "hostlink/serial.h"
 #include "measure/sample.h"
+#include "measure/sample_line.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
 #include "test_board.h"
 #include "storage/config.h"
+#include "storage/presets.h"
 #include "storage/i2c_fram.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "core/main.h"
-#include "core/menu.h"
-#include "core/system.h"
-#include "hostlink/apf.h"
+#include "menus/menu.h"
+#include "records/system.h"
+#include "records/apf.h"
 #include "hostlink/serial.h"
 #include "hostlink/serial_cmd.h"
 #include "measure/sample.h"

@@ -10,8 +10,8 @@
 
 #include "core/main.h"
 #include "devices.h"
-#include "core/menu.h"
-#include "hostlink/apf.h"
+#include "menus/menu.h"
+#include "records/apf.h"
 #include "hostlink/serial.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"

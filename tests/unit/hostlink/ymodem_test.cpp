@@ -11,9 +11,10 @@
 
 #include "board/i2c0.h"
 #include "board/pinmux.h"
-#include "core/config_menu.h"
-#include "core/main.h"
-#include "core/system.h"
+#include "menus/config_menu.h"
+
+#include "records/system.h"
+#include "storage/settings.h"
 #include "driverlib/hibernate.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"

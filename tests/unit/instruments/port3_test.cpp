@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "core/fault_note.h"
-#include "core/system.h"
+#include "storage/fault_note.h"
+#include "records/system.h"
 #include "driverlib/hibernate.h"
 #include "instruments/brisa.h"
 #include "instruments/ocr.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "board/pinmux.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/gpio.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/ssi.h"

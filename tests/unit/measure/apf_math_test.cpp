@@ -9,7 +9,7 @@
 #include <string>
 
 #include "board/i2c0.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/sysctl.h"
 #include "measure/apf_math.h"
 #include "measure/sample.h"

@@ -7,8 +7,10 @@
 #include <string>
 
 #include "board/i2c0.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "measure/sample.h"
+#include "records/sample.h"
+#include "measure/sample_line.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
 #include "storage/i2c_fram.h"

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <string>
 
-#include "core/main.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"
 #include "storage/microsd.h"

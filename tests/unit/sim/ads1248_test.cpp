@@ -9,8 +9,8 @@
 
 #include "bath.h"
 #include "board/pinmux.h"
-#include "core/board_util.h"
-#include "core/system.h"
+#include "board/board_util.h"
+#include "records/system.h"
 #include "driverlib/gpio.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/ssi.h"

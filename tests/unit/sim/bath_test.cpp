@@ -7,7 +7,7 @@
 #include <string>
 
 #include "bath.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "measure/apf_math.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"

@@ -10,6 +10,7 @@
 #include "inc/hw_eeprom.h"
 #include "inc/hw_ints.h"
 #include "inc/hw_memmap.h"
+#include "storage/settings.h"
 
 #include <gtest/gtest.h>
 

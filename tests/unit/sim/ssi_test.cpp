@@ -9,7 +9,7 @@
 #include "sim_test.h"
 #include "test_board.h"
 
-#include "core/board_util.h"
+#include "board/board_util.h"
 #include "driverlib/gpio.h"
 #include "driverlib/ssi.h"
 #include "driverlib/sysctl.h"

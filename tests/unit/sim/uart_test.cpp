@@ -8,7 +8,7 @@
 #include "sim_test.h"
 #include "test_board.h"
 
-#include "core/board_util.h"
+#include "board/board_util.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/uart.h"
 #include "inc/hw_ints.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "board/pinmux.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"

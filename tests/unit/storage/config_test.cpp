@@ -17,8 +17,9 @@
 
 #include "board/i2c0.h"
 #include "board/pinmux.h"
-#include "core/main.h"
-#include "core/system.h"
+
+#include "records/system.h"
+#include "storage/settings.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"
 #include "driverlib/systick.h"
@@ -26,6 +27,7 @@
 #include "sim_test.h"
 #include "test_board.h"
 #include "storage/config.h"
+#include "storage/presets.h"
 #include "storage/i2c_fram.h"
 #include "storage/microsd.h"
 

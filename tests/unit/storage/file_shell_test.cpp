@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "board/pinmux.h"
-#include "core/board_util.h"
+#include "board/board_util.h"
 #include "driverlib/hibernate.h"
 #include "driverlib/interrupt.h"
 #include "driverlib/sysctl.h"

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "board/i2c0.h"
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/sysctl.h"
-#include "hostlink/apf.h"
+#include "records/apf.h"
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"

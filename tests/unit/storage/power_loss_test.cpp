@@ -28,10 +28,12 @@
 #include <unistd.h>
 #include <vector>
 
+#include "storage/error_log.h"
 #include "core/main.h"
-#include "core/system.h"
-#include "core/timebase.h"
-#include "hostlink/apf.h"
+#include "records/system.h"
+#include "storage/settings.h"
+#include "board/timebase.h"
+#include "records/apf.h"
 #include "hostlink/apf_cmd.h"
 #include "measure/sample.h"
 #include "runtime.h"

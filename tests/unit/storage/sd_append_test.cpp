@@ -11,7 +11,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "core/system.h"
+#include "records/system.h"
 #include "driverlib/hibernate.h"
 #include "ports/uartstdio.h"
 #include "sim_test.h"

@@ -1,0 +1,4 @@
+// The last sample record.
+#include "records/sample.h"
+
+sampData sampl;
