@@ -3,6 +3,7 @@
 #include <array>
 #include <stdint.h>
 
+#include "board_vectors.h"
 #include "driverlib/fpu.h"
 #include "inc/hw_ints.h"
 
@@ -14,16 +15,7 @@ extern "C" uint32_t __data_end[];
 extern "C" uint32_t __bss_start[];
 extern "C" uint32_t __bss_end[];
 
-// Firmware handlers and entry point.
-extern "C" void SysTickHandler(void);
-extern "C" void UARTStdioIntHandler(void);
-extern "C" void uart2_isr(void);
-extern "C" void uart3_isr(void);
-extern "C" void uart4_isr(void);
-extern "C" void uart5_isr(void);
-extern "C" void uart6_isr(void);
-extern "C" void uart7_isr(void);
-extern "C" void faultISR_handler(void);
+// The firmware's entry point; its handlers come with board_vectors.h.
 extern "C" void __libc_init_array(void);
 int main(void);
 
@@ -48,16 +40,22 @@ static constexpr std::array<Handler, NUM_INTERRUPTS - 1> make_handlers() {
     h[1 - 1] = ResetISR;
     h[FAULT_NMI - 1] = NmiSR;
     h[FAULT_HARD - 1] = FaultISR;
-    h[FAULT_SYSTICK - 1] = SysTickHandler;
-    h[INT_UART0 - 1] = UARTStdioIntHandler;
-    h[INT_UART2 - 1] = uart2_isr;
-    h[INT_UART3 - 1] = uart3_isr;
-    h[INT_UART4 - 1] = uart4_isr;
-    h[INT_UART5 - 1] = uart5_isr;
-    h[INT_UART6 - 1] = uart6_isr;
-    h[INT_UART7 - 1] = uart7_isr;
+    for (const BoardVector& v : board_vectors) {
+        h[v.number - 1] = v.handler;
+    }
     return h;
 }
+
+// Reset, NMI and the hard fault are the start-up code's own: the firmware's list must leave them alone.
+static constexpr bool board_vectors_fit() {
+    for (const BoardVector& v : board_vectors) {
+        if (v.number <= FAULT_HARD || v.number >= NUM_INTERRUPTS) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(board_vectors_fit(), "a firmware handler on a vector the start-up code owns or the chip lacks");
 
 extern "C" {
 __attribute__((section(".isr_vectors"), used)) constinit const VectorTable g_vectors = {__stack_top,

@@ -9,7 +9,7 @@
 
 namespace sim {
 
-// ---------------------------------------------------------------- virtual time (runtime.cpp)
+// ---------------------------------------------------------------- virtual time (virtual_time.cpp)
 // Virtual time in nanoseconds since the simulator started this run. 1 CPU cycle at 50 MHz = 20 ns.
 constexpr uint64_t ns_per_cycle = 20;
 constexpr uint64_t ns_per_ms = 1000000;
@@ -24,7 +24,7 @@ void advance_ns(uint64_t ns);
 // polling loop without delays still moves virtual time forward.
 void spend_cycles(uint32_t cycles);
 
-// ---------------------------------------------------------------- interrupts (runtime.cpp)
+// ---------------------------------------------------------------- interrupts (core.cpp)
 // Processor interrupt mask (IntMasterDisable/Enable). While masked, pending handlers wait.
 bool int_master_disable(); // returns the previous "was disabled" state, as TivaWare does
 bool int_master_enable();
@@ -36,7 +36,7 @@ void register_vector(int vector, Handler h); // the fixed vector table, filled b
 // Set to the firmware's enable state by IntEnable/IntDisable (NVIC).
 void nvic_enable(int vector, bool on);
 
-// ---------------------------------------------------------------- power (runtime.cpp)
+// ---------------------------------------------------------------- power (periods.cpp, world.cpp)
 enum class PowerEvent {
     hibernate,   // HibernateRequest cut the power; wake by RTC match or pin
     reset,       // SysCtlReset

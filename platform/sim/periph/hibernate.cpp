@@ -1,7 +1,7 @@
 // The hibernation module: the battery-backed RTC with its match register, the wake conditions, the
 // status bits the firmware reads after a wake, the battery-backed memory, and the request that cuts
 // the chip's power. Its state lives in hib() so that it outlives the power-on period; the RTC
-// counts in virtual time (runtime.cpp). Registers in the module's own clock domain take three
+// counts in virtual time (rtc.cpp). Registers in the module's own clock domain take three
 // cycles of the 32.768 kHz clock to write, and every completed write raises the write-complete
 // status bit. Through the API a write spends that time at once; through the registers the write
 // takes effect at once and HIBCTL.WRC reads 0 until it completes.

@@ -1,5 +1,5 @@
 // The Cortex-M SysTick timer: a 24-bit down-counter on the processor clock. The event loop in
-// runtime.cpp raises its interrupt at every wrap; here the firmware configures it and reads it.
+// virtual_time.cpp raises its interrupt at every wrap; here the firmware configures it and reads it.
 #include "runtime.h"
 
 #include "driverlib/systick.h"
