@@ -1,5 +1,5 @@
-// FRAM driver: polled I2C0 master transfers with interrupts masked for the whole frame (no handler
-// may reach the bus mid-frame), the probe, the record map, and the operator's FRAM tests.
+// FRAM driver: reads and writes through the I2C0 bus transfers (two memory-address bytes, high byte
+// first, open every frame), the probe, the record map, and the operator's FRAM tests.
 #include "storage/i2c_fram.h"
 
 #include "board/i2c0.h"
@@ -9,25 +9,9 @@
 #include "measure/sample.h"
 #include "ports/uartstdio.h"
 
-#include "driverlib/i2c.h"
-#include "driverlib/interrupt.h"
-#include "inc/hw_memmap.h"
-
 #include <cstring>
 
 namespace {
-
-void send_byte(uint8_t b, uint32_t command) {
-    I2CMasterDataPut(I2C0_BASE, b);
-    I2CMasterControl(I2C0_BASE, command);
-    i2c0_wait_master();
-}
-
-uint8_t receive_byte(uint32_t command) {
-    I2CMasterControl(I2C0_BASE, command);
-    i2c0_wait_master();
-    return static_cast<uint8_t>(I2CMasterDataGet(I2C0_BASE));
-}
 
 // Counts of the map are 16-bit.
 uint32_t map_count(uint32_t count) {
@@ -52,56 +36,14 @@ uint8_t byte_sum(const void* record, uint32_t len) {
 
 } // namespace
 
-void i2c0_fram_write(uint32_t uiSlave_addr, uint8_t* ucData, uint32_t uiCount, uint32_t memAddr) {
-    IntMasterDisable();
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
-    if (uiCount == 0) {
-        send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_SINGLE_SEND);
-        IntMasterEnable();
-        return;
-    }
-    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
-    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
-    for (uint32_t i = 0; i + 1 < uiCount; i++) {
-        send_byte(ucData[i], I2C_MASTER_CMD_BURST_SEND_CONT);
-    }
-    // The last byte goes out with the stop condition.
-    send_byte(ucData[uiCount - 1], I2C_MASTER_CMD_BURST_SEND_FINISH);
-    IntMasterEnable();
-}
-
-void i2c0_fram_read(uint32_t uiSlave_addr, uint8_t* ucRec_Data, uint32_t uiCount, uint32_t memAddr,
-                    uint32_t flag) {
-    if (uiCount == 0) {
-        return;
-    }
-    IntMasterDisable();
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
-    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
-    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
-    // Repeated start, now reading.
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), true);
-    if (uiCount == 1) {
-        ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_SINGLE_RECEIVE);
-        IntMasterEnable();
-        return;
-    }
-    ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_START);
-    for (uint32_t i = 1; i + 1 < uiCount; i++) {
-        ucRec_Data[i] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_CONT);
-    }
-    ucRec_Data[uiCount - 1] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_FINISH);
-    IntMasterEnable();
-}
-
 uint32_t fram_read(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
-    i2c0_fram_read(FRAM_I2C_ADDR, pBuf, byteCount, offset, 0);
-    return byteCount;
+    const uint8_t at[2] = {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)};
+    return i2c0_read(FRAM_I2C_ADDR, at, sizeof at, pBuf, byteCount) == 0 ? byteCount : 0;
 }
 
 uint32_t fram_write(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
-    i2c0_fram_write(FRAM_I2C_ADDR, pBuf, byteCount, offset);
-    return byteCount;
+    const uint8_t at[2] = {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)};
+    return i2c0_write(FRAM_I2C_ADDR, at, sizeof at, pBuf, byteCount) == 0 ? byteCount : 0;
 }
 
 uint32_t fram_probe(void) {

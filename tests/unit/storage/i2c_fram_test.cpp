@@ -59,7 +59,7 @@ TEST_F(Fram, WriteLandsAtTheSixteenBitAddressOnly) {
     EXPECT_EQ(mem()[0x0100], 0x77);
     EXPECT_EQ(mem()[0x0101], 0x00);
 
-    // A count of 0 sends only the address's high byte: nothing is written.
+    // A count of 0 sends only the memory address: nothing is written.
     std::vector<uint8_t> before(mem(), mem() + 0x2000);
     fram_write(0x1234, data, 0);
     EXPECT_EQ(0, memcmp(before.data(), mem(), before.size()));
