@@ -49,7 +49,10 @@ uint32_t fram_write(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
 uint32_t fram_probe(void) {
     uint8_t pattern[4] = {0x55, 0xAA, 0x55, 0xAA};
     uint8_t back[4];
-    fram_write(FRAM_PROBE_ADDR, pattern, sizeof pattern);
+    // A refused write must fail the probe even though the pattern of an earlier probe reads back.
+    if (fram_write(FRAM_PROBE_ADDR, pattern, sizeof pattern) != sizeof pattern) {
+        return 0;
+    }
     memset(back, 0, sizeof back);
     fram_read(FRAM_PROBE_ADDR, back, sizeof back);
     return memcmp(pattern, back, sizeof back) == 0 ? FRAM_PROBE_OK : 0;
@@ -91,8 +94,12 @@ void fram_apf_dbuf_store(uint8_t* sampBuf, uint16_t byteCnt) {
     fram_write(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
 }
 
+// The buffer is emptied when the FRAM does not answer, so that whatever it held before is not taken
+// for the stored line.
 void fram_apf_dbuf_retrieve(uint8_t* sampBuf, uint16_t byteCnt) {
-    fram_read(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
+    if (fram_read(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt)) == 0) {
+        memset(sampBuf, 0, map_count(byteCnt));
+    }
 }
 
 void fram_apf_store_all(void) {
@@ -150,8 +157,12 @@ uint32_t fram_soak_test(uint32_t iterations) {
     const sampData sampl_saved = sampl;
     uint8_t apf_image[sizeof(apfGlobals)];
     uint8_t sampl_image[sizeof(sampData)];
-    fram_read(FRAM_APF_ADDR, apf_image, sizeof apf_image);
-    fram_read(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image);
+    // Records it could not read it could not put back either: no round is run.
+    if (fram_read(FRAM_APF_ADDR, apf_image, sizeof apf_image) == 0 ||
+        fram_read(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image) == 0) {
+        uprintf("Err: FRAM does not answer\r\n");
+        return 1;
+    }
 
     uint32_t errors = 0;
     for (uint32_t n = 0; n < iterations; n++) {

@@ -30,6 +30,8 @@ uint32_t fram_probe(void);
 // 0 when the probe passes; 1 after printing the error.
 uint32_t fram_init(void);
 
+// The records. A FRAM that does not answer leaves a retrieved record in RAM as it was, except the
+// data buffer, which is then emptied (zeros).
 void fram_sys_samp_store(void);
 void fram_sys_samp_retrieve(void);
 void fram_last_samp_store(void);
@@ -43,6 +45,7 @@ void fram_apf_store_all(void);
 
 // Operator tests. fram_test returns the number of bytes that read back wrong; fram_soak_test runs
 // `iterations` store/retrieve rounds (or until a key arrives on the console) and returns the
-// number of mismatches. Both leave the stored records as they found them.
+// number of mismatches (1 without a round when the records cannot be read first). Both leave the
+// stored records as they found them.
 uint32_t fram_test(void);
 uint32_t fram_soak_test(uint32_t iterations = 1000);
