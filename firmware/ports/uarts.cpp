@@ -118,7 +118,9 @@ void handle_interrupt(uint32_t port) {
     take_fifo(h, *r);
 }
 
-void enable_peripheral(uint32_t periph) {
+} // namespace
+
+void uart_peripheral_on(uint32_t periph) {
     if (SysCtlPeripheralReady(periph)) {
         return;
     }
@@ -127,7 +129,20 @@ void enable_peripheral(uint32_t periph) {
     }
 }
 
-} // namespace
+void uart_setup(uint32_t base, uint32_t periph, uint32_t baud, uint32_t srcClock, uint32_t int_flags) {
+    uart_peripheral_on(periph);
+    UARTDisable(base);
+    UARTClockSourceSet(base, srcClock == piosc_hz ? UART_CLOCK_PIOSC : UART_CLOCK_SYSTEM);
+    UARTConfigSetExpClk(base, srcClock, baud,
+                        UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE);
+    UARTFIFOLevelSet(base, UART_FIFO_TX1_8, UART_FIFO_RX1_8);
+    UARTFIFOEnable(base);
+    UARTIntDisable(base, UART_INT_TX | UART_INT_RX | UART_INT_RT | UART_INT_OE);
+    UARTIntClear(base, UARTIntStatus(base, false));
+    UARTRxErrorClear(base);
+    UARTIntEnable(base, int_flags);
+    UARTEnable(base);
+}
 
 bool uart_port_usable(uint32_t port) {
     const UartHw* h = hw_of(port);
@@ -141,19 +156,8 @@ bool uart_init(uint32_t port, uint32_t baud, uint32_t srcClock) {
     const UartHw& h = *hw_of(port);
     UartRx& r = rx[port - first_port];
     IntDisable(h.interrupt);
-    enable_peripheral(h.periph);
-
-    UARTDisable(h.base);
-    UARTClockSourceSet(h.base, srcClock == piosc_hz ? UART_CLOCK_PIOSC : UART_CLOCK_SYSTEM);
-    UARTConfigSetExpClk(h.base, srcClock, baud,
-                        UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE);
-    UARTFIFOLevelSet(h.base, UART_FIFO_TX1_8, UART_FIFO_RX1_8);
-    UARTFIFOEnable(h.base);
-    UARTIntDisable(h.base, UART_INT_TX | UART_INT_RX | UART_INT_RT | UART_INT_OE);
-    UARTIntClear(h.base, UARTIntStatus(h.base, false));
-    UARTRxErrorClear(h.base);
-    UARTIntEnable(h.base, UART_INT_RX | UART_INT_RT | UART_INT_OE);
-    UARTEnable(h.base);
+    // Overruns interrupt too, so that the handler counts them.
+    uart_setup(h.base, h.periph, baud, srcClock, UART_INT_RX | UART_INT_RT | UART_INT_OE);
 
     r.tail = r.head;
     r.lost = 0;

@@ -1,5 +1,6 @@
 // The instrument serial ports UART2 to UART7: interrupt-driven receive rings that the instrument
-// drivers read from the main loop, transmission, echo and a count of lost bytes.
+// drivers read from the main loop, transmission, echo and a count of lost bytes. Also the set-up
+// every UART of the board goes through, the console's included.
 //
 // On the 64-pin package UART5 (PE4/PE5) and UART7 (PE0/PE1) only have pins that this board uses for
 // other lines (the serial flash's second select and its supply switch; the isolated supply enable and
@@ -13,6 +14,14 @@
 // Each ring holds a whole instrument reply (the longest, the optode's, is about 200 characters), so a
 // reply survives the long gaps between two state-machine steps.
 constexpr uint32_t UART_RX_RING_SIZE = 256;
+
+// Clocks a peripheral (a UART, the GPIO port of its pins) and waits, bounded, until it is ready.
+void uart_peripheral_on(uint32_t periph);
+// Sets up the UART at `base`: its clock gate `periph` on, 8N1 at `baud`, FIFOs on with both interrupt
+// levels at 1/8, pending interrupts and receive errors cleared, then the interrupt sources
+// `int_flags` enabled and the UART on. srcClock 16000000 selects the precision internal oscillator
+// as the baud clock, any other value the system clock. The NVIC entry is left to the caller.
+void uart_setup(uint32_t base, uint32_t periph, uint32_t baud, uint32_t srcClock, uint32_t int_flags);
 
 // Whether a port number names a UART this board brings out.
 bool uart_port_usable(uint32_t port);

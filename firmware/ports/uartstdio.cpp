@@ -15,6 +15,7 @@
 // input (getChar, UARTgets) last until the operator types, by contract; callers poll UARTrdy or
 // UARTPeek first.
 #include "ports/uartstdio.h"
+#include "ports/uarts.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -41,12 +42,8 @@ static_assert((UART_RX_BUFFER_SIZE & rx_mask) == 0, "receive ring size must be a
 constexpr uint32_t poll_pause_us = 10;
 constexpr uint32_t poll_pause_counts = 167;
 constexpr uint32_t hw_held_chars = 17;
-// Polls of the peripheral-ready flag after enabling a clock gate.
-constexpr uint32_t ready_polls = 1000;
 // Reads that empty the 16-byte receive FIFO even while a byte or two more arrive.
 constexpr uint32_t fifo_flush_reads = 32;
-// Baud clock value that selects the precision internal oscillator.
-constexpr uint32_t piosc_hz = 16000000;
 
 // Free-running indices: count = head - tail, slot = index & mask.
 uint8_t tx_buf[UART_TX_BUFFER_SIZE];
@@ -224,15 +221,6 @@ bool wait_tx_ring_empty() {
     return true;
 }
 
-void enable_peripheral(uint32_t periph) {
-    if (SysCtlPeripheralReady(periph)) {
-        return;
-    }
-    SysCtlPeripheralEnable(periph);
-    for (uint32_t i = 0; i < ready_polls && !SysCtlPeripheralReady(periph); i++) {
-    }
-}
-
 void start_empty() {
     int_enabled = false;
     configured = false;
@@ -274,20 +262,10 @@ void UARTStdioConfig(uint32_t port, uint32_t baud, uint32_t srcClock) {
     }
 
     baud_rate = baud > 0 ? baud : 1;
-    enable_peripheral(SYSCTL_PERIPH_UART0);
-    enable_peripheral(SYSCTL_PERIPH_GPIOA);
-
-    UARTDisable(UART0_BASE);
-    UARTClockSourceSet(UART0_BASE, srcClock == piosc_hz ? UART_CLOCK_PIOSC : UART_CLOCK_SYSTEM);
-    UARTConfigSetExpClk(UART0_BASE, srcClock, baud,
-                        UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE);
-    UARTFIFOLevelSet(UART0_BASE, UART_FIFO_TX1_8, UART_FIFO_RX1_8);
-    UARTFIFOEnable(UART0_BASE);
-    UARTIntDisable(UART0_BASE, UART_INT_TX | UART_INT_RX | UART_INT_RT);
-    UARTIntClear(UART0_BASE, UARTIntStatus(UART0_BASE, false));
+    uart_peripheral_on(SYSCTL_PERIPH_GPIOA);
+    // The transmit interrupt is enabled only while output is queued (tx_fill_fifo).
     tx_int_enabled = false;
-    UARTIntEnable(UART0_BASE, UART_INT_RX | UART_INT_RT);
-    UARTEnable(UART0_BASE);
+    uart_setup(UART0_BASE, SYSCTL_PERIPH_UART0, baud, srcClock, UART_INT_RX | UART_INT_RT);
     configured = true;
 
     IntEnable(INT_UART0);

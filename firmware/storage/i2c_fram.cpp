@@ -1,5 +1,5 @@
-// FRAM driver: polled I2C0 master transfers with interrupts masked for the whole frame (no handler
-// may reach the bus mid-frame), the probe, the record map, and the operator's FRAM tests.
+// FRAM driver: reads and writes through the I2C0 bus transfers (two memory-address bytes, high byte
+// first, open every frame), the probe, the record map, and the operator's FRAM tests.
 #include "storage/i2c_fram.h"
 
 #include "board/i2c0.h"
@@ -9,25 +9,9 @@
 #include "records/sample.h"
 #include "ports/uartstdio.h"
 
-#include "driverlib/i2c.h"
-#include "driverlib/interrupt.h"
-#include "inc/hw_memmap.h"
-
 #include <cstring>
 
 namespace {
-
-void send_byte(uint8_t b, uint32_t command) {
-    I2CMasterDataPut(I2C0_BASE, b);
-    I2CMasterControl(I2C0_BASE, command);
-    i2c0_wait_master();
-}
-
-uint8_t receive_byte(uint32_t command) {
-    I2CMasterControl(I2C0_BASE, command);
-    i2c0_wait_master();
-    return static_cast<uint8_t>(I2CMasterDataGet(I2C0_BASE));
-}
 
 // Counts of the map are 16-bit.
 uint32_t map_count(uint32_t count) {
@@ -52,62 +36,23 @@ uint8_t byte_sum(const void* record, uint32_t len) {
 
 } // namespace
 
-void i2c0_fram_write(uint32_t uiSlave_addr, uint8_t* ucData, uint32_t uiCount, uint32_t memAddr) {
-    IntMasterDisable();
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
-    if (uiCount == 0) {
-        send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_SINGLE_SEND);
-        IntMasterEnable();
-        return;
-    }
-    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
-    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
-    for (uint32_t i = 0; i + 1 < uiCount; i++) {
-        send_byte(ucData[i], I2C_MASTER_CMD_BURST_SEND_CONT);
-    }
-    // The last byte goes out with the stop condition.
-    send_byte(ucData[uiCount - 1], I2C_MASTER_CMD_BURST_SEND_FINISH);
-    IntMasterEnable();
-}
-
-void i2c0_fram_read(uint32_t uiSlave_addr, uint8_t* ucRec_Data, uint32_t uiCount, uint32_t memAddr,
-                    uint32_t flag) {
-    if (uiCount == 0) {
-        return;
-    }
-    IntMasterDisable();
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), false);
-    send_byte(static_cast<uint8_t>(memAddr >> 8), I2C_MASTER_CMD_BURST_SEND_START);
-    send_byte(static_cast<uint8_t>(memAddr), I2C_MASTER_CMD_BURST_SEND_CONT);
-    // Repeated start, now reading.
-    I2CMasterSlaveAddrSet(I2C0_BASE, static_cast<uint8_t>(uiSlave_addr), true);
-    if (uiCount == 1) {
-        ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_SINGLE_RECEIVE);
-        IntMasterEnable();
-        return;
-    }
-    ucRec_Data[0] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_START);
-    for (uint32_t i = 1; i + 1 < uiCount; i++) {
-        ucRec_Data[i] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_CONT);
-    }
-    ucRec_Data[uiCount - 1] = receive_byte(I2C_MASTER_CMD_BURST_RECEIVE_FINISH);
-    IntMasterEnable();
-}
-
 uint32_t fram_read(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
-    i2c0_fram_read(FRAM_I2C_ADDR, pBuf, byteCount, offset, 0);
-    return byteCount;
+    const uint8_t at[2] = {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)};
+    return i2c0_read(FRAM_I2C_ADDR, at, sizeof at, pBuf, byteCount) == 0 ? byteCount : 0;
 }
 
 uint32_t fram_write(uint32_t offset, uint8_t* pBuf, uint32_t byteCount) {
-    i2c0_fram_write(FRAM_I2C_ADDR, pBuf, byteCount, offset);
-    return byteCount;
+    const uint8_t at[2] = {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset)};
+    return i2c0_write(FRAM_I2C_ADDR, at, sizeof at, pBuf, byteCount) == 0 ? byteCount : 0;
 }
 
 uint32_t fram_probe(void) {
     uint8_t pattern[4] = {0x55, 0xAA, 0x55, 0xAA};
     uint8_t back[4];
-    fram_write(FRAM_PROBE_ADDR, pattern, sizeof pattern);
+    // A refused write must fail the probe even though the pattern of an earlier probe reads back.
+    if (fram_write(FRAM_PROBE_ADDR, pattern, sizeof pattern) != sizeof pattern) {
+        return 0;
+    }
     memset(back, 0, sizeof back);
     fram_read(FRAM_PROBE_ADDR, back, sizeof back);
     return memcmp(pattern, back, sizeof back) == 0 ? FRAM_PROBE_OK : 0;
@@ -149,8 +94,12 @@ void fram_apf_dbuf_store(uint8_t* sampBuf, uint16_t byteCnt) {
     fram_write(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
 }
 
+// The buffer is emptied when the FRAM does not answer, so that whatever it held before is not taken
+// for the stored line.
 void fram_apf_dbuf_retrieve(uint8_t* sampBuf, uint16_t byteCnt) {
-    fram_read(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt));
+    if (fram_read(FRAM_DBUF_ADDR, sampBuf, map_count(byteCnt)) == 0) {
+        memset(sampBuf, 0, map_count(byteCnt));
+    }
 }
 
 void fram_apf_store_all(void) {
@@ -208,8 +157,12 @@ uint32_t fram_soak_test(uint32_t iterations) {
     const sampData sampl_saved = sampl;
     uint8_t apf_image[sizeof(apfGlobals)];
     uint8_t sampl_image[sizeof(sampData)];
-    fram_read(FRAM_APF_ADDR, apf_image, sizeof apf_image);
-    fram_read(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image);
+    // Records it could not read it could not put back either: no round is run.
+    if (fram_read(FRAM_APF_ADDR, apf_image, sizeof apf_image) == 0 ||
+        fram_read(FRAM_LAST_SAMP_ADDR, sampl_image, sizeof sampl_image) == 0) {
+        uprintf("Err: FRAM does not answer\r\n");
+        return 1;
+    }
 
     uint32_t errors = 0;
     for (uint32_t n = 0; n < iterations; n++) {

@@ -1,10 +1,10 @@
-// The ferroelectric RAM on I2C0 (device 0x50, 16-bit memory addresses sent high byte first): the
-// two bus transfers, the probe, and the store/retrieve calls of its fixed map.
+// The ferroelectric RAM on I2C0 (device 0x50, 16-bit memory addresses sent high byte first): reads
+// and writes, the probe, and the store/retrieve calls of its fixed map.
 #pragma once
 
 #include <cstdint>
 
-inline constexpr uint32_t FRAM_I2C_ADDR = 0x50;
+inline constexpr uint8_t FRAM_I2C_ADDR = 0x50;
 
 // The map.
 inline constexpr uint32_t FRAM_PROBE_ADDR = 0x0000;     // 4 bytes, overwritten by every probe
@@ -19,12 +19,9 @@ inline constexpr uint32_t FRAM_TEST_ADDR = 0x1000;
 
 inline constexpr uint32_t FRAM_PROBE_OK = 0xAA55AA55;
 
-// Writes uiCount bytes at memAddr; a count of 0 sends only the address's high byte.
-void i2c0_fram_write(uint32_t uiSlave_addr, uint8_t* ucData, uint32_t uiCount, uint32_t memAddr);
-// Reads uiCount bytes from memAddr. flag is accepted for the callers and has no effect.
-void i2c0_fram_read(uint32_t uiSlave_addr, uint8_t* ucRec_Data, uint32_t uiCount, uint32_t memAddr,
-                    uint32_t flag);
-// Device 0x50 reads and writes; both return byteCount.
+// Reads and writes of byteCount bytes at offset, one bus frame each. Both return byteCount, or 0
+// when the FRAM does not answer: a read then leaves pBuf as it was, a write may have stored part of
+// the bytes.
 uint32_t fram_read(uint32_t offset, uint8_t* pBuf, uint32_t byteCount);
 uint32_t fram_write(uint32_t offset, uint8_t* pBuf, uint32_t byteCount);
 
@@ -33,6 +30,8 @@ uint32_t fram_probe(void);
 // 0 when the probe passes; 1 after printing the error.
 uint32_t fram_init(void);
 
+// The records. A FRAM that does not answer leaves a retrieved record in RAM as it was, except the
+// data buffer, which is then emptied (zeros).
 void fram_sys_samp_store(void);
 void fram_sys_samp_retrieve(void);
 void fram_last_samp_store(void);
@@ -46,6 +45,7 @@ void fram_apf_store_all(void);
 
 // Operator tests. fram_test returns the number of bytes that read back wrong; fram_soak_test runs
 // `iterations` store/retrieve rounds (or until a key arrives on the console) and returns the
-// number of mismatches. Both leave the stored records as they found them.
+// number of mismatches (1 without a round when the records cannot be read first). Both leave the
+// stored records as they found them.
 uint32_t fram_test(void);
 uint32_t fram_soak_test(uint32_t iterations = 1000);

@@ -310,9 +310,10 @@ std::string scenario_template() {
 # card.cut_after_writes = 0
 
 # The load current the INA260 reports (A); the housing sensor's chip id (96 = 0x60, a BME280;
-# another value is a different chip, 0 none fitted); 0 for an INA260 or PCAL6416 not fitted.
+# another value is a different chip, 0 none fitted); 0 for an FRAM, INA260 or PCAL6416 not fitted.
 # board.amps = 0.05
 # board.bme280.id = 96
+# board.fram = 1
 # board.ina260 = 1
 # board.pcal6416 = 1
 

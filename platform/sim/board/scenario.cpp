@@ -43,6 +43,7 @@ const KeySpec key_specs[] = {
     {"board.humidity", KeySpec::number, 0.0, 100.0, nullptr},
     {"board.amps", KeySpec::number, -15.0, 15.0, nullptr},
     {"board.bme280.id", KeySpec::whole, 0.0, 255.0, nullptr},
+    {"board.fram", KeySpec::whole, 0.0, 1.0, nullptr},
     {"board.ina260", KeySpec::whole, 0.0, 1.0, nullptr},
     {"board.pcal6416", KeySpec::whole, 0.0, 1.0, nullptr},
     {"board.xtal", KeySpec::whole, 0.0, 1.0, nullptr},

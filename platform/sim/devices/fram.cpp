@@ -7,6 +7,7 @@
 // address incrementing and wrapping from the last byte to 0. A read - a repeated start or a new
 // start with the address byte for reading - returns bytes from the current address, incrementing
 // the same way. The current address survives between transfers while the part is powered.
+// `board.fram = 0` leaves the part off the board: nothing acknowledges its address.
 #include "devices.h"
 #include "sim.h"
 
@@ -22,7 +23,7 @@ Backing backing;
 class Fram : public I2cDevice {
   public:
     bool start(uint8_t address, bool read) override {
-        if (address != fram_address) {
+        if (address != fram_address || scenario_num("board.fram", 1) == 0) {
             selected_ = false;
             return false;
         }

@@ -1,10 +1,16 @@
 // The instrument ports: which UARTs the board brings out, the receive ring filled by the interrupt
-// while nobody reads, its bound and the count of what it lost, and ports kept apart.
+// while nobody reads, its bound and the count of what it lost, and ports kept apart; and the set-up
+// that every UART, the console's too, goes through.
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "driverlib/uart.h"
+#include "inc/hw_memmap.h"
+#include "inc/hw_uart.h"
 #include "ports/uarts.h"
+#include "ports/uartstdio.h"
+#include "registers.h"
 #include "sim_test.h"
 #include "test_board.h"
 
@@ -74,6 +80,43 @@ TEST_F(Uarts, PortsAreKeptApart) {
     EXPECT_EQ(uart_getc(2), '2');
     EXPECT_EQ(uart_getc(2), -1);
     EXPECT_EQ(uart_getc(6), 's');
+}
+
+// One set-up for all, each port keeping its own: 8N1 at the asked rate from the asked clock, FIFOs
+// on with interrupts at 1/8, and its interrupt sources (the console's the receive ones, the
+// instrument ports' also the overrun their handler counts), with nothing left pending.
+TEST_F(Uarts, EachPortIsSetUpWithItsRateClockAndInterrupts) {
+    UARTStdioConfig(0, 115200, piosc);
+    ASSERT_TRUE(uart_init(3, 9600, piosc));
+    ASSERT_TRUE(uart_init(4, 19200, SysCtlClockGet()));
+    struct Case {
+        int port;
+        uint32_t base;
+        uint32_t baud;
+        uint32_t clock_source;
+        uint32_t interrupts;
+    };
+    const Case cases[] = {
+        {0, UART0_BASE, 115200, UART_CLOCK_PIOSC, UART_INT_RX | UART_INT_RT},
+        {3, UART3_BASE, 9600, UART_CLOCK_PIOSC, UART_INT_RX | UART_INT_RT | UART_INT_OE},
+        {4, UART4_BASE, 19200, UART_CLOCK_SYSTEM, UART_INT_RX | UART_INT_RT | UART_INT_OE},
+    };
+    for (const Case& c : cases) {
+        EXPECT_NEAR(sim::uart_baud(c.port), c.baud, c.baud / 100) << c.port;
+        uint32_t baud = 0;
+        uint32_t frame = 0;
+        UARTConfigGetExpClk(c.base, 16000000, &baud, &frame);
+        EXPECT_EQ(frame, UART_CONFIG_WLEN_8 | UART_CONFIG_STOP_ONE | UART_CONFIG_PAR_NONE) << c.port;
+        EXPECT_EQ(UARTClockSourceGet(c.base), c.clock_source) << c.port;
+        uint32_t tx_level = 99;
+        uint32_t rx_level = 99;
+        UARTFIFOLevelGet(c.base, &tx_level, &rx_level);
+        EXPECT_EQ(tx_level, UART_FIFO_TX1_8) << c.port;
+        EXPECT_EQ(rx_level, UART_FIFO_RX1_8) << c.port;
+        EXPECT_NE(sim::dev::uart_reg_read(c.port, UART_O_LCRH) & UART_LCRH_FEN, 0u) << c.port;
+        EXPECT_EQ(sim::dev::uart_reg_read(c.port, UART_O_IM), c.interrupts) << c.port;
+        EXPECT_EQ(UARTIntStatus(c.base, true), 0u) << c.port;
+    }
 }
 
 } // namespace

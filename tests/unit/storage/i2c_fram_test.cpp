@@ -1,5 +1,6 @@
 // The FRAM on I2C0, seen through the device's memory: transfers land at the addressed bytes and
-// nowhere else, reads of every length come back whole, and the map and operator tests behave.
+// nowhere else, reads of every length come back whole, the map and operator tests behave, a FRAM
+// that does not answer changes nothing in RAM, and the caller's interrupt mask is kept.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -59,7 +60,7 @@ TEST_F(Fram, WriteLandsAtTheSixteenBitAddressOnly) {
     EXPECT_EQ(mem()[0x0100], 0x77);
     EXPECT_EQ(mem()[0x0101], 0x00);
 
-    // A count of 0 sends only the address's high byte: nothing is written.
+    // A count of 0 sends only the memory address: nothing is written.
     std::vector<uint8_t> before(mem(), mem() + 0x2000);
     fram_write(0x1234, data, 0);
     EXPECT_EQ(0, memcmp(before.data(), mem(), before.size()));
@@ -94,6 +95,13 @@ TEST_F(Fram, RecordsGoToTheirPlacesInTheMap) {
     EXPECT_EQ(0, memcmp(mem() + 0x0100, &apf, 364));
     EXPECT_EQ(0, memcmp(mem() + 0x0080, &sampl, 96));
 
+    memset(&sys_samp, 0, sizeof sys_samp);
+    sys_samp.initNum = SYS_SAMP_INIT_NUM;
+    sys_samp.current_sample = 17;
+    fram_sys_samp_store();
+    EXPECT_EQ(0, memcmp(mem() + 0x0040, &sys_samp, 60));
+    EXPECT_EQ(mem()[0x0040 + 60], 0);
+
     uint8_t line[] = "0x1234,pH,line";
     fram_apf_dbuf_store(line, sizeof line);
     EXPECT_EQ(0, memcmp(mem() + 0x0400, line, sizeof line));
@@ -105,6 +113,62 @@ TEST_F(Fram, RecordsGoToTheirPlacesInTheMap) {
     fram_apf_vars_retrieve();
     EXPECT_EQ(apf.sys_serial_num, 1234u);
     EXPECT_EQ(apf.CTD_Depth, 12.5f);
+}
+
+TEST_F(Fram, AFramThatDoesNotAnswerChangesNothingInRam) {
+    sim::test::set_scenario("board.fram", "0");
+    EXPECT_EQ(fram_probe(), 0u);
+    EXPECT_EQ(fram_init(), 1u);
+    EXPECT_EQ(out(), "\r\nERROR: FRAM fails probe, do not deploy until resolved\r\n");
+
+    uint8_t buf[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(fram_read(0x0300, buf, sizeof buf), 0u);
+    EXPECT_EQ(buf[0], 0xEE);
+    EXPECT_EQ(fram_write(0x0300, buf, sizeof buf), 0u);
+
+    memset(&apf, 0, sizeof apf);
+    apf.sys_serial_num = 77;
+    memset(&sampl, 0, sizeof sampl);
+    sampl.timestamp = 1234;
+    fram_apf_vars_retrieve();
+    fram_last_samp_retrieve();
+    EXPECT_EQ(apf.sys_serial_num, 77u);
+    EXPECT_EQ(sampl.timestamp, 1234u);
+    // A line left in the buffer is not passed off as the stored one.
+    uint8_t line[] = "stale";
+    fram_apf_dbuf_retrieve(line, sizeof line);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(line), sizeof line), std::string(sizeof line, '\0'));
+
+    sim::test::clear_console_output();
+    EXPECT_EQ(fram_soak_test(3), 1u);
+    EXPECT_EQ(out(), "fram soak test start\r\nErr: FRAM does not answer\r\n");
+    EXPECT_EQ(apf.sys_serial_num, 77u);
+
+    // Fitted again, it answers at once: the refusals left the bus free.
+    sim::test::set_scenario("board.fram", "1");
+    EXPECT_EQ(fram_probe(), FRAM_PROBE_OK);
+    for (uint32_t a = 0x0300; a < 0x0304; a++) {
+        EXPECT_EQ(mem()[a], 0) << a;
+    }
+}
+
+// A caller that runs with interrupts masked (a handler, a critical section) must find them masked
+// after each FRAM call, and a caller with them enabled must find them enabled.
+TEST_F(Fram, TheCallersInterruptMaskIsKept) {
+    uint8_t buf[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (bool masked : {true, false}) {
+        if (masked) {
+            sim::int_master_disable();
+        } else {
+            sim::int_master_enable();
+        }
+        fram_write(0x0200, buf, sizeof buf);
+        EXPECT_EQ(sim::int_masked(), masked);
+        fram_read(0x0200, buf, sizeof buf);
+        EXPECT_EQ(sim::int_masked(), masked);
+        EXPECT_EQ(fram_probe(), FRAM_PROBE_OK);
+        EXPECT_EQ(sim::int_masked(), masked);
+    }
 }
 
 TEST_F(Fram, OperatorTestWritesAndReadsItsRamps) {
