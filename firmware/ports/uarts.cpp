@@ -231,15 +231,6 @@ void uart_putc(uint32_t port, char c) {
     }
 }
 
-void uart_write(uint32_t port, const char* buf, uint32_t len) {
-    if (buf == nullptr) {
-        return;
-    }
-    for (uint32_t i = 0; i < len; i++) {
-        uart_putc(port, buf[i]);
-    }
-}
-
 void uart_puts(uint32_t port, const char* text) {
     if (text == nullptr) {
         return;

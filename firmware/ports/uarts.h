@@ -43,7 +43,6 @@ void uart_flush_rx(uint32_t port);
 // Sends bytes unchanged, waiting (bounded) for room in the transmit FIFO.
 void uart_putc(uint32_t port, char c);
 void uart_puts(uint32_t port, const char* text);
-void uart_write(uint32_t port, const char* buf, uint32_t len);
 // Waits until the last bit has left the UART (bounded, so a stopped UART does not hang the caller).
 void uart_flush_tx(uint32_t port);
 // Received bytes lost since uart_init: a full ring, or a full hardware FIFO (overrun).

@@ -82,7 +82,3 @@ void spi_flash_test(void) {
         uprintf("statusReg 0x%02x\r\n", command_reply(chip, FLASH_CMD_READ_STATUS));
     }
 }
-
-void spi_flash_page_write(uint32_t chip, uint32_t page, const uint8_t* buf, uint32_t len) {}
-
-void spi_flash_page_read(uint32_t chip, uint32_t page, uint8_t* buf, uint32_t len) {}

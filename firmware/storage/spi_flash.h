@@ -20,6 +20,3 @@ void spi_flash_open(void);
 uint8_t spi_flash_probe(uint32_t chip);
 // Developer test: opens the port, probes both chips and prints their status registers.
 void spi_flash_test(void);
-// Not used by this system.
-void spi_flash_page_write(uint32_t chip, uint32_t page, const uint8_t* buf, uint32_t len);
-void spi_flash_page_read(uint32_t chip, uint32_t page, uint8_t* buf, uint32_t len);
