@@ -71,35 +71,25 @@ def folder_edges(root):
 
 
 def find_cycles(graph):
-    """Strongly connected groups of more than one folder (Tarjan)."""
-    index, low, stack, on_stack, groups = {}, {}, [], set(), []
-    counter = [0]
+    """Groups of more than one folder that reach each other along includes (the graph is small)."""
+    nodes = set(graph) | {w for targets in graph.values() for w in targets}
 
-    def visit(v):
-        index[v] = low[v] = counter[0]
-        counter[0] += 1
-        stack.append(v)
-        on_stack.add(v)
-        for w in sorted(graph.get(v, ())):
-            if w not in index:
-                visit(w)
-                low[v] = min(low[v], low[w])
-            elif w in on_stack:
-                low[v] = min(low[v], index[w])
-        if low[v] == index[v]:
-            group = []
-            while True:
-                w = stack.pop()
-                on_stack.discard(w)
-                group.append(w)
-                if w == v:
-                    break
-            if len(group) > 1:
-                groups.append(sorted(group))
+    def reachable(start):
+        seen, todo = set(), [start]
+        while todo:
+            for w in graph.get(todo.pop(), ()):
+                if w not in seen:
+                    seen.add(w)
+                    todo.append(w)
+        return seen
 
-    for v in sorted(graph):
-        if v not in index:
-            visit(v)
+    reach = {v: reachable(v) for v in nodes}
+    groups, placed = [], set()
+    for v in sorted(nodes):
+        group = sorted({v} | {w for w in reach[v] if v in reach[w]})
+        if v not in placed and len(group) > 1:
+            groups.append(group)
+            placed.update(group)
     return groups
 
 
