@@ -1,6 +1,8 @@
 // Field texts of the instrument column groups, and the reply-line parsing helpers.
 #include "instruments/inst_text.h"
 
+#include <cctype>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -76,7 +78,21 @@ bool inst_join_fields(char* buf, size_t size, const char* const* fields, uint32_
     return true;
 }
 
+// strtod and strtol skip any leading white space; a form feed or vertical tab before the digits is
+// line noise, not a number, and would reach the data line as it stands.
+namespace {
+bool starts_with_noise(const char* text) {
+    while (is_blank(*text)) {
+        text++;
+    }
+    return std::isspace(static_cast<unsigned char>(*text)) != 0;
+}
+} // namespace
+
 bool inst_is_number(const char* text) {
+    if (starts_with_noise(text)) {
+        return false;
+    }
     char* end = nullptr;
     double v = strtod(text, &end);
     if (end == text || !std::isfinite(v)) {
@@ -89,6 +105,9 @@ bool inst_is_number(const char* text) {
 }
 
 bool inst_is_integer(const char* text) {
+    if (starts_with_noise(text)) {
+        return false;
+    }
     char* end = nullptr;
     strtol(text, &end, 10);
     if (end == text) {

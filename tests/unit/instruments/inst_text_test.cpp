@@ -43,6 +43,8 @@ TEST(InstText, JoinKeepsTheColumnCountWhenItDoesNotFit) {
 
 TEST(InstText, NumbersAreWholeAndFinite) {
     EXPECT_TRUE(inst_is_number(" -1.5e3 "));
+    EXPECT_FALSE(inst_is_number("\f350.00")); // strtod would skip the form feed
+    EXPECT_FALSE(inst_is_integer(" \v12"));
     EXPECT_TRUE(inst_is_integer("+42"));
     for (const char* bad : {"", "nan", "inf", "1.5x", "-", "1e999"}) {
         EXPECT_FALSE(inst_is_number(bad)) << bad;
